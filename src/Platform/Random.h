@@ -1,0 +1,18 @@
+// What the services ask of the machine: numbers that nobody can guess.
+#pragma once
+
+#include <cstdint>
+
+namespace tessary {
+
+class Random {
+  public:
+    virtual ~Random() = default;
+
+    /// A value drawn uniformly from 1 to 4294967295, never 0, from the system's random source.
+    ///
+    /// Runs on: any thread.
+    virtual std::uint32_t nonzero() = 0;
+};
+
+} // namespace tessary
