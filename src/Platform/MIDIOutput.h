@@ -44,7 +44,8 @@ class MIDIOutput {
     /// @param hostTime  when the message was parsed, in nanoseconds of `Clock::hostTime`
     /// Runs on: one thread at a time, the network's. Allocates: never. Waits: never. Errors: none reported;
     /// what the MIDI system has no room for is dropped whole.
-    virtual void publish(MIDIObjectRef source, std::uint64_t hostTime, std::span<const std::uint8_t> message) = 0;
+    virtual void publish(MIDIObjectRef source, std::uint64_t hostTime,
+                         std::span<const std::uint8_t> message) = 0;
 };
 
 } // namespace tessary

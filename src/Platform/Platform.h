@@ -1,5 +1,5 @@
-// Everything that the services ask of the machine, in one value. `main.cpp` builds it of real parts, the tests
-// of fakes on a virtual clock. All of it outlives every service.
+// Everything that the services ask of the machine, in one value. `main.cpp` builds it of real parts, the
+// tests of fakes on a virtual clock. All of it outlives every service.
 #pragma once
 
 namespace tessary {

@@ -73,8 +73,8 @@ class UDPNetwork {
     /// `remotePort` of `host`. Other connections may hold the same local port.
     ///
     /// Runs on: any thread.
-    virtual std::shared_ptr<UDPConnection> makeConnection(std::optional<std::uint16_t> localPort, IPv4Host host,
-                                                          std::uint16_t remotePort) = 0;
+    virtual std::shared_ptr<UDPConnection> makeConnection(std::optional<std::uint16_t> localPort,
+                                                          IPv4Host host, std::uint16_t remotePort) = 0;
 };
 
 } // namespace tessary

@@ -1,0 +1,36 @@
+// UDP connections, serial queues and timers on one network thread. On the road of a MIDI message.
+#pragma once
+
+#include "Platform/UDPConnection.h"
+
+#include <initializer_list>
+#include <memory>
+
+namespace tessary {
+
+/// Every queue that it makes is served by the one thread, so each is serial, and so are all of them together.
+class AsioNetwork : public UDPNetwork {
+  public:
+    /// Starts the thread.
+    ///
+    /// @param heldPorts  local ports that no other program is to take by chance; they are held from here on
+    /// by
+    ///                   sockets that drop everything (the kernel prefers connected sockets on the same port)
+    explicit AsioNetwork(std::initializer_list<std::uint16_t> heldPorts);
+    ~AsioNetwork() override;
+
+    /// Ends the thread; nothing is delivered afterwards. The queues and connections may still be used, to no
+    /// effect.
+    void stop();
+
+    std::shared_ptr<TimerQueue> makeQueue(std::string label) override;
+    TimerQueue& backgroundQueue() override;
+    std::shared_ptr<UDPConnection> makeConnection(std::optional<std::uint16_t> localPort, IPv4Host host,
+                                                  std::uint16_t remotePort) override;
+
+  private:
+    struct Parts;
+    std::unique_ptr<Parts> parts_;
+};
+
+} // namespace tessary

@@ -1,0 +1,48 @@
+// UDP sockets of which several share one local port.
+#pragma once
+
+#include "Models/IPv4Host.h"
+
+#include <cstdint>
+#include <optional>
+#include <system_error>
+
+namespace tessary {
+
+/// An open socket; closed with its owner.
+class UDPSocket {
+  public:
+    UDPSocket() = default;
+    explicit UDPSocket(int file)
+        : file_(file) {}
+    UDPSocket(UDPSocket&& other) noexcept;
+    UDPSocket& operator=(UDPSocket&& other) noexcept;
+    UDPSocket(const UDPSocket&) = delete;
+    UDPSocket& operator=(const UDPSocket&) = delete;
+    ~UDPSocket();
+
+    int file() const { return file_; }
+    /// Hands the open file to somebody who closes it.
+    int release();
+
+  private:
+    int file_ = -1;
+};
+
+struct UDPSocketResult {
+    UDPSocket socket;
+    std::error_code error;
+};
+
+/// A socket bound to `localPort` of the wildcard address and connected to the peer. It never yields a
+/// datagram of anybody else, not even of the moment between binding and connecting.
+UDPSocketResult openConnected(std::optional<std::uint16_t> localPort, IPv4Host host,
+                              std::uint16_t remotePort);
+
+/// A socket that holds `localPort` against other programs and drops whatever arrives.
+UDPSocketResult openPlaceholder(std::uint16_t localPort);
+
+/// The local address that a connected socket was given.
+IPv4Host localAddress(int file);
+
+} // namespace tessary

@@ -1,0 +1,104 @@
+#include "Platform/qt/JSONPreferences.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSaveFile>
+#include <QStandardPaths>
+#include <cmath>
+#include <limits>
+
+namespace tessary {
+
+namespace {
+
+QString text(std::string_view utf8) {
+    return QString::fromUtf8(utf8.data(), static_cast<qsizetype>(utf8.size()));
+}
+
+/// The file's object; absent if there is a file that is none.
+std::optional<QJsonObject> load(const QString& path) {
+    QFile file(path);
+    if (!file.exists()) return QJsonObject{};
+    if (!file.open(QIODevice::ReadOnly)) return std::nullopt;
+    const QJsonDocument document = QJsonDocument::fromJson(file.readAll());
+    if (!document.isObject()) return std::nullopt;
+    return document.object();
+}
+
+void setAside(const QString& path) {
+    QString other = path + QStringLiteral(".unreadable");
+    for (int i = 2; QFileInfo::exists(other); ++i)
+        other = path + QStringLiteral(".unreadable-%1").arg(i);
+    QFile::rename(path, other);
+}
+
+} // namespace
+
+JSONPreferences::JSONPreferences(const std::string& path)
+    : path_(std::make_unique<QString>(QString::fromStdString(path)))
+    , loaded_(std::make_unique<QJsonObject>(load(*path_).value_or(QJsonObject{})))
+    , changed_(std::make_unique<QJsonObject>()) {}
+
+JSONPreferences::~JSONPreferences() = default;
+
+std::string JSONPreferences::defaultPath() {
+    return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation).toStdString() +
+           "/tessary-link/preferences.json";
+}
+
+std::optional<std::uint32_t> JSONPreferences::number(std::string_view key) const {
+    const QJsonValue value = loaded_->value(text(key));
+    if (!value.isDouble()) return std::nullopt;
+    const double number = value.toDouble();
+    if (number < 0 || number > std::numeric_limits<std::uint32_t>::max() || number != std::floor(number))
+        return std::nullopt;
+    return static_cast<std::uint32_t>(number);
+}
+
+std::optional<std::vector<std::optional<std::string>>> JSONPreferences::array(std::string_view key) const {
+    const QJsonValue value = loaded_->value(text(key));
+    if (!value.isArray()) return std::nullopt;
+    std::vector<std::optional<std::string>> elements;
+    const QJsonArray stored = value.toArray();
+    for (const QJsonValue& element : stored)
+        elements.push_back(element.isString() ? std::optional(element.toString().toStdString())
+                                              : std::nullopt);
+    return elements;
+}
+
+void JSONPreferences::setNumber(std::string_view key, std::uint32_t value) {
+    changed_->insert(text(key), static_cast<qint64>(value));
+    save();
+}
+
+void JSONPreferences::setTexts(std::string_view key, const std::vector<std::string>& texts) {
+    QJsonArray array;
+    for (const std::string& element : texts)
+        array.append(QString::fromStdString(element));
+    changed_->insert(text(key), array);
+    save();
+}
+
+void JSONPreferences::save() {
+    // What a person has edited meanwhile is kept too.
+    const std::optional<QJsonObject> present = load(*path_);
+    QJsonObject next = present.value_or(QJsonObject{});
+    for (auto member = changed_->constBegin(); member != changed_->constEnd(); ++member) {
+        next.insert(member.key(), member.value());
+        loaded_->insert(member.key(), member.value());
+    }
+
+    const QDir folder = QFileInfo(*path_).absoluteDir();
+    if (!folder.exists()) QDir().mkpath(folder.path());
+    QSaveFile file(*path_);
+    if (!file.open(QIODevice::WriteOnly)) return;
+    file.write(QJsonDocument(next).toJson());
+    if (!present) setAside(*path_);
+    file.commit();
+}
+
+} // namespace tessary

@@ -1,0 +1,336 @@
+// The machine as the tests have it: everything is in memory, nothing happens by itself.
+#pragma once
+
+#include "Models/UTF8.h"
+#include "Platform/Log.h"
+#include "Platform/MIDIOutput.h"
+#include "Platform/Platform.h"
+#include "Platform/Preferences.h"
+#include "Platform/Random.h"
+#include "Platform/ServiceDiscovery.h"
+#include "Platform/UDPConnection.h"
+#include "Services/AppleMIDIPacket.h"
+#include "support/VirtualTime.h"
+
+#include <map>
+#include <netinet/in.h>
+#include <set>
+#include <string>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace tessary::test {
+
+using Bytes = std::vector<std::uint8_t>;
+
+struct FakeLog : Log {
+    void line(std::string_view text) override { lines.emplace_back(text); }
+    std::size_t count(const std::string& line) const {
+        return static_cast<std::size_t>(std::count(lines.begin(), lines.end(), line));
+    }
+    std::vector<std::string> lines;
+};
+
+/// Draws 1, 2, 3, … so that tokens can be told apart.
+struct FakeRandom : Random {
+    std::uint32_t nonzero() override { return ++last; }
+    std::uint32_t last = 0;
+};
+
+struct FakePreferences : Preferences {
+    using Value = std::variant<std::uint32_t, std::vector<std::optional<std::string>>>;
+    std::optional<std::uint32_t> number(std::string_view key) const override {
+        return get<std::uint32_t>(key);
+    }
+    std::optional<std::vector<std::optional<std::string>>> array(std::string_view key) const override {
+        return get<std::vector<std::optional<std::string>>>(key);
+    }
+    void setNumber(std::string_view key, std::uint32_t value) override {
+        values[std::string(key)] = value, ++writes;
+    }
+    void setTexts(std::string_view key, const std::vector<std::string>& texts) override {
+        values[std::string(key)] = std::vector<std::optional<std::string>>(texts.begin(), texts.end());
+        ++writes;
+    }
+    template <typename T>
+    std::optional<T> get(std::string_view key) const {
+        const auto found = values.find(std::string(key));
+        if (found == values.end() || !std::holds_alternative<T>(found->second)) return std::nullopt;
+        return std::get<T>(found->second);
+    }
+    std::map<std::string, Value> values;
+    int writes = 0;
+};
+
+struct FakeMIDIOutput : MIDIOutput {
+    MIDIStatus createClient(std::string_view name, MIDIObjectRef& client) override {
+        calls.push_back("client " + std::string(name));
+        if (clientStatus == 0) client = 7;
+        return clientStatus;
+    }
+    MIDIStatus createSource(MIDIObjectRef client, std::string_view name, std::int32_t protocol,
+                            MIDIObjectRef& source) override {
+        calls.push_back("source " + std::to_string(client) + " " + std::string(name) + " " +
+                        std::to_string(protocol));
+        if (sourceStatus == 0) source = 9;
+        return sourceStatus;
+    }
+    void setUniqueID(MIDIObjectRef source, std::int32_t id) override {
+        calls.push_back("id " + std::to_string(source) + " " + std::to_string(id));
+    }
+    void disposeSource(MIDIObjectRef source) override {
+        calls.push_back("dispose source " + std::to_string(source));
+    }
+    void disposeClient(MIDIObjectRef client) override {
+        calls.push_back("dispose client " + std::to_string(client));
+    }
+    void publish(MIDIObjectRef, std::uint64_t hostTime, std::span<const std::uint8_t> message) override {
+        messages.emplace_back(message.begin(), message.end());
+        stamps.push_back(hostTime);
+        if (duringPublish) duringPublish();
+    }
+    MIDIStatus clientStatus = 0;
+    MIDIStatus sourceStatus = 0;
+    std::vector<std::string> calls;
+    std::vector<Bytes> messages;
+    std::vector<std::uint64_t> stamps;
+    std::function<void()> duringPublish; ///< happens while the network thread is inside `publish`
+};
+
+class FakeNetwork;
+
+/// A connection that becomes ready as soon as its queue runs, unless the network says otherwise.
+class FakeConnection : public UDPConnection, public std::enable_shared_from_this<FakeConnection> {
+  public:
+    FakeConnection(FakeNetwork& network, std::optional<std::uint16_t> local, IPv4Host remote,
+                   std::uint16_t port)
+        : network_(network)
+        , localPort(local)
+        , host(remote)
+        , remotePort(port) {}
+
+    void setHandlers(UDPHandlers handlers) override { handlers_ = std::move(handlers); }
+    void start(const std::shared_ptr<TimerQueue>& queue) override;
+    void send(std::span<const std::uint8_t> datagram) override {
+        sent.emplace_back(datagram.begin(), datagram.end());
+    }
+    void cancel() override {
+        isCancelled = true;
+        handlers_ = {};
+    }
+
+    void becomeReady() { report(ConnectionState::ready); }
+    void fail(std::errc error) { report(ConnectionState::failed, std::make_error_code(error)); }
+    void failSend(std::errc error) {
+        if (handlers_.sendFailed) handlers_.sendFailed(std::make_error_code(error));
+    }
+
+    /// A datagram arrives, or an error; on the connection's queue.
+    void deliver(Bytes datagram, std::error_code error = {}) {
+        queue_->post([weak = weak_from_this(), datagram = std::move(datagram), error] {
+            const auto self = weak.lock();
+            if (!self || !self->isReceiving || !self->handlers_.received) return;
+            self->isReceiving = self->handlers_.received(datagram, error) == Receive::again;
+        });
+    }
+    void deliver(const AppleMIDIPacket& packet) { deliver(packet.encode()); }
+
+    /// The packets of one kind that were sent here.
+    template <typename Kind>
+    std::vector<Kind> sentOf() const {
+        std::vector<Kind> found;
+        for (const Bytes& datagram : sent)
+            if (const auto packet = AppleMIDIPacket::decode(datagram))
+                if (const auto* kind = std::get_if<Kind>(&packet->value)) found.push_back(*kind);
+        return found;
+    }
+
+  private:
+    void report(ConnectionState state, std::error_code error = {}) {
+        if (handlers_.stateDidChange) handlers_.stateDidChange(state, error);
+    }
+
+    FakeNetwork& network_;
+    UDPHandlers handlers_;
+    std::shared_ptr<TimerQueue> queue_;
+
+  public:
+    const std::optional<std::uint16_t> localPort;
+    const IPv4Host host;
+    const std::uint16_t remotePort;
+    std::vector<Bytes> sent;
+    bool isStarted = false;
+    bool isCancelled = false;
+    bool isReceiving = true;
+};
+
+class FakeNetwork : public UDPNetwork {
+  public:
+    explicit FakeNetwork(VirtualTime& time)
+        : time_(time)
+        , background_(time.makeQueue()) {}
+
+    std::shared_ptr<TimerQueue> makeQueue(std::string label) override {
+        labels.push_back(std::move(label));
+        lastQueue = time_.makeQueue();
+        return lastQueue;
+    }
+    TimerQueue& backgroundQueue() override { return *background_; }
+    std::shared_ptr<UDPConnection> makeConnection(std::optional<std::uint16_t> localPort, IPv4Host host,
+                                                  std::uint16_t remotePort) override {
+        auto connection = std::make_shared<FakeConnection>(*this, localPort, host, remotePort);
+        made.push_back(connection);
+        return connection;
+    }
+
+    /// The newest connection from this local port, still there or not known any more.
+    std::shared_ptr<FakeConnection> newest(std::uint16_t localPort) const {
+        for (auto weak = made.rbegin(); weak != made.rend(); ++weak)
+            if (const auto connection = weak->lock(); connection && connection->localPort == localPort)
+                return connection;
+        return nullptr;
+    }
+
+    std::vector<std::weak_ptr<FakeConnection>> made;
+    std::vector<std::string> labels;
+    std::shared_ptr<VirtualTime::VirtualQueue> lastQueue;
+    bool isReadyByItself = true;
+
+  private:
+    VirtualTime& time_;
+    std::shared_ptr<VirtualTime::VirtualQueue> background_;
+};
+
+inline void FakeConnection::start(const std::shared_ptr<TimerQueue>& queue) {
+    isStarted = true;
+    queue_ = queue;
+    if (!network_.isReadyByItself) return;
+    queue_->post([weak = weak_from_this()] {
+        if (const auto self = weak.lock()) self->becomeReady();
+    });
+}
+
+struct FakeBrowser : ServiceBrowser {
+    void start(const std::shared_ptr<Queue>& onQueue, BrowserHandlers given) override {
+        queue = onQueue;
+        handlers = std::move(given);
+        ++starts;
+    }
+    /// The names that the browser sees now.
+    void see(const std::vector<std::string>& names) {
+        std::vector<BrowseResult> results;
+        for (const auto& name : names)
+            results.push_back({name, type, "local.", 2});
+        queue->post([handler = handlers.resultsChanged, results] { handler(results); });
+    }
+    std::string type;
+    std::shared_ptr<Queue> queue;
+    BrowserHandlers handlers;
+    int starts = 0;
+};
+
+struct FakeResolver : ServiceResolver {
+    const std::string& name() const override { return name_; }
+    void resolve(std::chrono::nanoseconds after, ResolverHandlers given) override {
+        timeout = after;
+        handlers = std::move(given);
+    }
+    void stop() override { isStopped = true; }
+    const std::optional<std::vector<SocketAddressRecord>>& addresses() const override { return addresses_; }
+    int port() const override { return port_; }
+
+    /// Success, with these IPv4 addresses; the handler is called even if it was called before.
+    void succeed(const std::vector<std::string>& ips, int port) {
+        addresses_.emplace();
+        for (const auto& ip : ips) {
+            sockaddr_in address{};
+            address.sin_family = AF_INET;
+            const auto host = IPv4Host::parse(ip).value();
+            std::copy(host.bytes.begin(), host.bytes.end(),
+                      reinterpret_cast<std::uint8_t*>(&address.sin_addr));
+            const auto* raw = reinterpret_cast<const std::uint8_t*>(&address);
+            addresses_->emplace_back(raw, raw + sizeof address);
+        }
+        port_ = port;
+        const auto handler = handlers.didResolve;
+        handler(*this);
+    }
+    void succeedWith(std::optional<std::vector<SocketAddressRecord>> records, int port) {
+        addresses_ = std::move(records);
+        port_ = port;
+        const auto handler = handlers.didResolve;
+        handler(*this);
+    }
+    void fail(const std::string& error) {
+        const auto handler = handlers.didNotResolve;
+        handler(*this, error);
+    }
+
+    std::string domain, type, name_;
+    std::chrono::nanoseconds timeout{};
+    ResolverHandlers handlers;
+    bool isStopped = false;
+    std::optional<std::vector<SocketAddressRecord>> addresses_;
+    int port_ = -1;
+};
+
+class FakeDiscovery : public ServiceDiscovery {
+  public:
+    explicit FakeDiscovery(VirtualTime& time)
+        : time_(time) {}
+    std::shared_ptr<Queue> makeQueue(std::string label) override {
+        labels.push_back(std::move(label));
+        return queue = time_.makeQueue();
+    }
+    std::unique_ptr<ServiceBrowser> makeBrowser(const std::string& type) override {
+        auto browser = std::make_unique<FakeBrowser>();
+        browser->type = type;
+        browsers.push_back(browser.get());
+        return browser;
+    }
+    std::shared_ptr<ServiceResolver> makeResolver(const std::string& domain, const std::string& type,
+                                                  const std::string& name) override {
+        auto resolver = std::make_shared<FakeResolver>();
+        resolver->domain = domain, resolver->type = type, resolver->name_ = name;
+        resolvers.push_back(resolver);
+        return resolver;
+    }
+    FakeBrowser& browser(const std::string& type) {
+        for (auto* browser : browsers)
+            if (browser->type == type) return *browser;
+        throw std::out_of_range(type);
+    }
+    /// The newest resolver for an instance of a type.
+    std::shared_ptr<FakeResolver> resolver(const std::string& type, const std::string& name) const {
+        for (auto it = resolvers.rbegin(); it != resolvers.rend(); ++it)
+            if ((*it)->type == type + "." && (*it)->name_ == name) return *it;
+        return nullptr;
+    }
+
+    std::vector<FakeBrowser*> browsers;
+    std::vector<std::shared_ptr<FakeResolver>> resolvers;
+    std::vector<std::string> labels;
+    std::shared_ptr<VirtualTime::VirtualQueue> queue;
+
+  private:
+    VirtualTime& time_;
+};
+
+/// A whole machine of fakes.
+struct FakeMachine {
+    VirtualTime time;
+    std::shared_ptr<VirtualTime::VirtualQueue> mainQueue = time.makeQueue();
+    FakeNetwork network{time};
+    FakeDiscovery serviceDiscovery{time};
+    FakeMIDIOutput midiOutput;
+    FakePreferences preferences;
+    FakeRandom random;
+    FakeLog log;
+
+    Platform platform() {
+        return {*mainQueue, network, serviceDiscovery, midiOutput, preferences, time, random, log};
+    }
+};
+
+} // namespace tessary::test

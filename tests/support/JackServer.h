@@ -1,0 +1,80 @@
+// A real JACK server without sound hardware, for tests.
+#pragma once
+
+#include <jack/jack.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <optional>
+#include <string>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace tessary {
+
+/// `jackd` with its dummy driver: 256 frames a period, 48,000 frames a second, a server name of its own. The
+/// process's JACK clients, and the programs that it starts, find it by JACK_DEFAULT_SERVER. Dies with its
+/// owner.
+class JackServer {
+  public:
+    static constexpr jack_nframes_t period = 256;
+    static constexpr jack_nframes_t rate = 48'000;
+
+    /// Names the server; does not start it. To be made before any other thread is.
+    JackServer() {
+        setenv("JACK_DEFAULT_SERVER", name_.c_str(), 1);
+        setenv("JACK_NO_AUDIO_RESERVATION", "1", 1);
+        setenv("JACK_NO_START_SERVER", "1", 1);
+    }
+    JackServer(const JackServer&) = delete;
+    JackServer& operator=(const JackServer&) = delete;
+    ~JackServer() { end(SIGTERM); }
+
+    static bool isInstalled() { return access("/usr/bin/jackd", X_OK) == 0; }
+
+    /// Starts the server and waits until a client can join, at most 20 seconds; answers whether one could.
+    bool start() {
+        process_ = fork();
+        if (process_ == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            const int null = open("/dev/null", O_RDWR);
+            for (int descriptor = 0; descriptor <= 2; ++descriptor)
+                dup2(null, descriptor);
+            execl("/usr/bin/jackd", "jackd", "-r", "-n", name_.c_str(), "-d", "dummy", "-r", "48000", "-p",
+                  "256", nullptr);
+            _exit(127);
+        }
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (process_ > 0 && std::chrono::steady_clock::now() < deadline) {
+            // libjack tells nobody that a server has come; this is its own way of waiting for one.
+            if (jack_client_t* const probe = jack_client_open("probe", JackNoStartServer, nullptr)) {
+                jack_client_close(probe);
+                return true;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return false;
+    }
+
+    void signal(int number) const {
+        if (process_ > 0) kill(process_, number);
+    }
+
+    /// Ends the server with the signal given and waits until it is gone.
+    void end(int number) {
+        if (process_ <= 0) return;
+        kill(process_, number);
+        waitpid(process_, nullptr, 0);
+        process_ = -1;
+    }
+
+  private:
+    const std::string name_ = "tessary-test-" + std::to_string(getpid());
+    pid_t process_ = -1;
+};
+
+} // namespace tessary
