@@ -1,6 +1,7 @@
 #include "Platform/asio/AddressMonitor.h"
 
 #include <asio/buffer.hpp>
+#include <asio/error.hpp>
 #include <asio/posix/stream_descriptor.hpp>
 #include <asio/steady_timer.hpp>
 
@@ -44,7 +45,7 @@ struct AddressMonitor::Parts : std::enable_shared_from_this<Parts> {
         netlink.async_read_some(asio::buffer(buffer),
                                 [self = shared_from_this()](std::error_code error, std::size_t) {
                                     // A burst that overran the socket is a change like any other.
-                                    if (error && error != std::errc::no_buffer_space) return;
+                                    if (error && error != asio::error::no_buffer_space) return;
                                     if (!std::exchange(self->isSettling, true)) self->settle();
                                     self->read();
                                 });

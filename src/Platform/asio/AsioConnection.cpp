@@ -25,6 +25,9 @@ bool isNoRoute(const std::error_code& error) {
            error == std::errc::network_down || error == std::errc::address_not_available;
 }
 
+/// The library's error codes have a category of their own, which the rest of the program cannot compare.
+std::error_code plain(const std::error_code& error) { return {error.value(), std::system_category()}; }
+
 } // namespace
 
 AsioConnection::AsioConnection(asio::io_context& context, std::optional<std::uint16_t> localPort,
@@ -102,7 +105,7 @@ void AsioConnection::receive() {
     socket_.async_receive(asio::buffer(buffer_.get(), largestDatagram),
                           [self = shared_from_this(), generation = generation_](const std::error_code& error,
                                                                                 std::size_t size) {
-                              if (generation == self->generation_) self->received(error, size);
+                              if (generation == self->generation_) self->received(plain(error), size);
                           });
 }
 

@@ -1,0 +1,71 @@
+// A peer's end of a conversation: a plain UDP socket on a loopback address.
+#pragma once
+
+#include "Models/IPv4Host.h"
+
+#include <array>
+#include <cstdint>
+#include <netinet/in.h>
+#include <poll.h>
+#include <span>
+#include <stdexcept>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+namespace tessary::test {
+
+class PeerSocket {
+  public:
+    /// Port 0: any free one.
+    explicit PeerSocket(IPv4Host host, std::uint16_t port = 0) : file_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in address = endpoint(host, port);
+        socklen_t size = sizeof address;
+        if (bind(file_, reinterpret_cast<const sockaddr*>(&address), size) != 0)
+            throw std::runtime_error("the test's own port is taken");
+        getsockname(file_, reinterpret_cast<sockaddr*>(&address), &size);
+        port_ = ntohs(address.sin_port);
+    }
+    PeerSocket(const PeerSocket&) = delete;
+    PeerSocket& operator=(const PeerSocket&) = delete;
+    ~PeerSocket() { close(file_); }
+
+    std::uint16_t port() const { return port_; }
+
+    void sendTo(std::uint16_t port, std::span<const std::uint8_t> datagram) {
+        const sockaddr_in to = endpoint({{127, 0, 0, 1}}, port);
+        sendto(file_, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
+    }
+
+    struct Arrival {
+        std::vector<std::uint8_t> bytes;
+        std::uint16_t fromPort = 0;
+    };
+    /// The next datagram; empty if none comes within `patience` milliseconds.
+    Arrival receive(int patience = 10'000) {
+        pollfd ready{.fd = file_, .events = POLLIN, .revents = 0};
+        if (poll(&ready, 1, patience) != 1) return {};
+        std::array<std::uint8_t, 2048> buffer{};
+        sockaddr_in from{};
+        socklen_t size = sizeof from;
+        const ssize_t length =
+            recvfrom(file_, buffer.data(), buffer.size(), 0, reinterpret_cast<sockaddr*>(&from), &size);
+        return {{buffer.begin(), buffer.begin() + std::max<ssize_t>(length, 0)}, ntohs(from.sin_port)};
+    }
+
+  private:
+    static sockaddr_in endpoint(IPv4Host host, std::uint16_t port) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr =
+            htonl(static_cast<std::uint32_t>(host.bytes[0] << 24 | host.bytes[1] << 16 | host.bytes[2] << 8 | host.bytes[3]));
+        return address;
+    }
+
+    int file_;
+    std::uint16_t port_ = 0;
+};
+
+} // namespace tessary::test
