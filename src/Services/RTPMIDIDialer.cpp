@@ -32,7 +32,7 @@ std::shared_ptr<RTPMIDIDialer> RTPMIDIDialer::make(const Platform& platform,
                                                    std::shared_ptr<PeerDiscovery> discovery,
                                                    std::shared_ptr<CoreMIDIBridge> coreMIDI,
                                                    std::string localName) {
-    const std::shared_ptr<RTPMIDIDialer> dialer(
+    std::shared_ptr<RTPMIDIDialer> dialer(
         new RTPMIDIDialer(platform, std::move(discovery), std::move(coreMIDI), std::move(localName)));
     dialer->startWorking(); // the callbacks need weak references, which exist only now
     return dialer;

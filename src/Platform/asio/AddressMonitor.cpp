@@ -77,7 +77,6 @@ AddressMonitor::AddressMonitor(asio::io_context& context, std::function<void()> 
 AddressMonitor::~AddressMonitor() {
     std::error_code ignored;
     parts_->changed = nullptr;
-    parts_->timer.cancel();
     parts_->netlink.close(ignored);
 }
 

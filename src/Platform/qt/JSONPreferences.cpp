@@ -64,7 +64,7 @@ std::optional<std::vector<std::optional<std::string>>> JSONPreferences::array(st
     if (!value.isArray()) return std::nullopt;
     std::vector<std::optional<std::string>> elements;
     const QJsonArray stored = value.toArray();
-    for (const QJsonValue& element : stored)
+    for (const auto& element : stored)
         elements.push_back(element.isString() ? std::optional(element.toString().toStdString())
                                               : std::nullopt);
     return elements;

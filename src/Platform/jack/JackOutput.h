@@ -1,0 +1,53 @@
+// The virtual MIDI source as an output port of JACK. On the road of a MIDI message.
+#pragma once
+
+#include "Platform/MIDIOutput.h"
+
+#include <memory>
+#include <thread>
+
+namespace tessary {
+
+/// One JACK client with one MIDI output port, at a JACK server that is already running; none is ever started.
+///
+/// A message is played one period after it was stamped, neither earlier nor later, so that the spacing of
+/// messages survives. When the server dies, the client and its port return under the same names once there is
+/// a server again; what is published in between is dropped. Everything that libjack might block on happens on
+/// a thread of this object's own, which sleeps while the server lives.
+///
+/// Holds one client and one source at a time. Cheap until `createClient`.
+class JackOutput : public MIDIOutput {
+  public:
+    JackOutput();
+    JackOutput(const JackOutput&) = delete;
+    JackOutput& operator=(const JackOutput&) = delete;
+    /// Takes at most a quarter of a second, even if the server hangs.
+    ~JackOutput() override;
+
+    /// Errors: the negated `jack_status_t` of libjack; -ETIMEDOUT after five seconds without an answer of the
+    /// server; -EBUSY if there is a client already; -EAGAIN if no thread can be made.
+    MIDIStatus createClient(std::string_view name, MIDIObjectRef& client) override;
+
+    /// Errors: -EINVAL for no client; -EBUSY if there is a source already; -EIO if the server refuses or is
+    /// gone; -ETIMEDOUT as above.
+    MIDIStatus createSource(MIDIObjectRef client, std::string_view name, std::int32_t protocol,
+                            MIDIObjectRef& source) override;
+
+    /// Does nothing: JACK knows ports by their names.
+    void setUniqueID(MIDIObjectRef source, std::int32_t uniqueID) override;
+
+    void disposeSource(MIDIObjectRef source) override;
+    void disposeClient(MIDIObjectRef client) override;
+
+    /// No lock and no system call. A message longer than 32,720 bytes, which no JACK port takes, and one that
+    /// the queue to JACK has no room for are dropped whole.
+    void publish(MIDIObjectRef source, std::uint64_t hostTime,
+                 std::span<const std::uint8_t> message) override;
+
+  private:
+    class Link;
+    const std::shared_ptr<Link> link_;
+    std::thread thread_;
+};
+
+} // namespace tessary
