@@ -347,10 +347,11 @@ MIDIStatus JackOutput::createClient(std::string_view name, MIDIObjectRef& client
     client = 0;
     if (thread_.joinable() || !link_->prepare(name)) return -EBUSY;
 
-    sigset_t all;
+    sigset_t blocked;
     sigset_t previous;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &previous);
+    sigfillset(&blocked);
+    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT}) sigdelset(&blocked, fault);
+    pthread_sigmask(SIG_SETMASK, &blocked, &previous);
     try {
         thread_ = std::thread([link = link_] { link->run(); });
     } catch (const std::system_error&) {

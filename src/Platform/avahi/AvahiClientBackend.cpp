@@ -1,0 +1,113 @@
+#include "Platform/avahi/AvahiLookups.h"
+
+#include <avahi-client/client.h>
+#include <avahi-client/lookup.h>
+
+#include <algorithm>
+#include <chrono>
+
+namespace tessary {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+/// How soon after an attempt to reach the daemon the next one may follow.
+constexpr auto reconnectInterval = 2s;
+
+struct ClientAPI {
+    using Context = AvahiClient;
+    using ServiceBrowser = AvahiServiceBrowser;
+    using ServiceResolver = AvahiServiceResolver;
+    using RecordBrowser = AvahiRecordBrowser;
+    using AddressLookup = AvahiLookup<ClientAPI, RecordBrowser, AddressEvent>;
+
+    static constexpr auto newServiceBrowser = avahi_service_browser_new;
+    static constexpr auto newServiceResolver = avahi_service_resolver_new;
+
+    static RecordBrowser* newRecordBrowser(Context* client, const char* host, std::uint16_t recordType,
+                                           AddressLookup* lookup) {
+        return avahi_record_browser_new(client, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, host, AVAHI_DNS_CLASS_IN,
+                                        recordType, AVAHI_LOOKUP_USE_MULTICAST, addressChanged, lookup);
+    }
+
+    static void addressChanged(RecordBrowser*, AvahiIfIndex interface, AvahiProtocol protocol,
+                               AvahiBrowserEvent event, const char*, std::uint16_t, std::uint16_t,
+                               const void* bytes, std::size_t size, AvahiLookupResultFlags, void* userData) {
+        auto& lookup = AddressLookup::of(userData);
+        if (event == AVAHI_BROWSER_FAILURE) return lookup.deliverFailure();
+        lookup.deliver({event, interface, protocol,
+                        bytes ? std::string(static_cast<const char*>(bytes), size) : std::string(), AVAHI_OK});
+    }
+
+    static int error(Context* client) { return avahi_client_errno(client); }
+    static void free(ServiceBrowser* browser) { avahi_service_browser_free(browser); }
+    static void free(ServiceResolver* resolver) { avahi_service_resolver_free(resolver); }
+    static void free(RecordBrowser* browser) { avahi_record_browser_free(browser); }
+};
+
+/// A client ends for good when its daemon does; the next one then waits for the next daemon.
+class ClientBackend : public AvahiLookups<ClientAPI>, public std::enable_shared_from_this<ClientBackend> {
+  public:
+    ClientBackend(AvahiThread& thread, BackendHandlers handlers)
+        : AvahiLookups(thread)
+        , handlers_(std::move(handlers)) {}
+
+    /// Makes the client; answers whether the bus let it.
+    bool connect(AvahiClientFlags flags) {
+        connected_ = std::chrono::steady_clock::now();
+        AvahiClient* const client = avahi_client_new(thread_.poll(), flags, stateChanged, this, nullptr);
+        if (client) context_.reset(client, avahi_client_free);
+        return client;
+    }
+
+    bool isReady() const override { return isReady_; }
+
+    bool mayRecover(int error) const override {
+        return error == AVAHI_ERR_DISCONNECTED || error == AVAHI_ERR_NO_DAEMON ||
+               error == AVAHI_ERR_DBUS_ERROR || error == AVAHI_ERR_BAD_STATE;
+    }
+
+  private:
+    /// Called by Avahi, the first time while the client is still being made.
+    static void stateChanged(AvahiClient* client, AvahiClientState state, void* userData) {
+        auto& self = *static_cast<ClientBackend*>(userData);
+        self.thread_.post([weak = self.weak_from_this(), client, state] {
+            const auto backend = weak.lock();
+            if (backend && client == backend->context_.get()) backend->handle(state);
+        });
+    }
+
+    void handle(AvahiClientState state) {
+        if (state == AVAHI_CLIENT_FAILURE) {
+            isReady_ = false;
+            context_.reset();
+            handlers_.lost();
+            reconnect();
+        } else if (state != AVAHI_CLIENT_CONNECTING && !isReady_) {
+            isReady_ = true;
+            handlers_.ready();
+        }
+    }
+
+    void reconnect() {
+        const auto wait = connected_ + reconnectInterval - std::chrono::steady_clock::now();
+        thread_.postAfter(std::max(wait, decltype(wait){}), [weak = weak_from_this()] {
+            const auto self = weak.lock();
+            if (self && !self->connect(AVAHI_CLIENT_NO_FAIL)) self->reconnect(); // the bus is away too
+        });
+    }
+
+    const BackendHandlers handlers_;
+    std::chrono::steady_clock::time_point connected_;
+    bool isReady_ = false;
+};
+
+} // namespace
+
+std::shared_ptr<AvahiBackend> makeClientBackend(AvahiThread& thread, BackendHandlers handlers) {
+    const auto backend = std::make_shared<ClientBackend>(thread, std::move(handlers));
+    return backend->connect(AvahiClientFlags{}) ? backend : nullptr;
+}
+
+} // namespace tessary

@@ -1,0 +1,48 @@
+// All that is looked up through Avahi, across restarts of its daemon.
+#pragma once
+
+#include "Platform/avahi/AvahiBackend.h"
+#include "Platform/avahi/PreferredAddresses.h"
+#include "Platform/avahi/ServiceBrowse.h"
+#include "Platform/avahi/ServiceResolution.h"
+
+#include <deque>
+#include <memory>
+#include <set>
+
+namespace tessary {
+
+class AvahiEngine {
+  public:
+    AvahiThread& thread() { return thread_; }
+    PreferredAddresses& preferred() { return preferred_; }
+
+    /// Chooses the backend, then serves the thread until it is stopped, and clears up. The caller's thread is
+    /// the Avahi thread.
+    void run();
+
+    // On the Avahi thread.
+
+    void add(const std::shared_ptr<ServiceBrowse>& browse);
+    void remove(const std::shared_ptr<ServiceBrowse>& browse);
+
+    /// Puts a resolution in the queue for the network.
+    void add(const std::shared_ptr<ServiceResolution>& resolution);
+    void remove(const std::shared_ptr<ServiceResolution>& resolution);
+
+  private:
+    void open();
+    void ready();
+    void lost();
+    void beginResolutions();
+
+    AvahiThread thread_;
+    std::shared_ptr<AvahiBackend> backend_;
+    int error_ = AVAHI_OK; // why there is no backend
+    std::set<std::shared_ptr<ServiceBrowse>> browses_;
+    std::deque<std::shared_ptr<ServiceResolution>> waiting_;
+    std::set<std::shared_ptr<ServiceResolution>> inFlight_;
+    PreferredAddresses preferred_;
+};
+
+} // namespace tessary

@@ -1,0 +1,83 @@
+#include "Platform/avahi/AvahiLookups.h"
+
+#include <avahi-core/core.h>
+#include <avahi-core/log.h>
+#include <avahi-core/lookup.h>
+#include <avahi-core/rr.h>
+
+#include <array>
+
+namespace tessary {
+
+namespace {
+
+struct ServerAPI {
+    using Context = AvahiServer;
+    using ServiceBrowser = AvahiSServiceBrowser;
+    using ServiceResolver = AvahiSServiceResolver;
+    using RecordBrowser = AvahiSRecordBrowser;
+    using AddressLookup = AvahiLookup<ServerAPI, RecordBrowser, AddressEvent>;
+
+    static constexpr auto newServiceBrowser = avahi_s_service_browser_new;
+    static constexpr auto newServiceResolver = avahi_s_service_resolver_new;
+
+    static RecordBrowser* newRecordBrowser(Context* server, const char* host, std::uint16_t recordType,
+                                           AddressLookup* lookup) {
+        AvahiKey* const key = avahi_key_new(host, AVAHI_DNS_CLASS_IN, recordType);
+        if (!key) return nullptr;
+        RecordBrowser* const browser =
+            avahi_s_record_browser_new(server, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, key,
+                                       AVAHI_LOOKUP_USE_MULTICAST, addressChanged, lookup);
+        avahi_key_unref(key);
+        return browser;
+    }
+
+    static void addressChanged(RecordBrowser*, AvahiIfIndex interface, AvahiProtocol protocol,
+                               AvahiBrowserEvent event, AvahiRecord* record, AvahiLookupResultFlags,
+                               void* userData) {
+        auto& lookup = AddressLookup::of(userData);
+        if (event == AVAHI_BROWSER_FAILURE) return lookup.deliverFailure();
+        std::array<char, sizeof(AvahiIPv6Address)> bytes{};
+        const std::size_t size = record ? avahi_rdata_serialize(record, bytes.data(), bytes.size()) : 0;
+        if (size > bytes.size()) return; // its word for "does not fit"
+        lookup.deliver({event, interface, protocol, std::string(bytes.data(), size), AVAHI_OK});
+    }
+
+    static int error(Context* server) { return avahi_server_errno(server); }
+    static void free(ServiceBrowser* browser) { avahi_s_service_browser_free(browser); }
+    static void free(ServiceResolver* resolver) { avahi_s_service_resolver_free(resolver); }
+    static void free(RecordBrowser* browser) { avahi_s_record_browser_free(browser); }
+};
+
+class ServerBackend : public AvahiLookups<ServerAPI> {
+  public:
+    ServerBackend(AvahiThread& thread, AvahiServer* server)
+        : AvahiLookups(thread) {
+        context_.reset(server, avahi_server_free);
+    }
+
+    bool isReady() const override { return true; }
+    bool mayRecover(int) const override { return false; }
+};
+
+} // namespace
+
+std::shared_ptr<AvahiBackend> makeServerBackend(AvahiThread& thread, int& error) {
+    avahi_set_log_function([](AvahiLogLevel, const char*) {}); // it would write to standard error
+    AvahiServerConfig config;
+    avahi_server_config_init(&config);
+    config.disable_publishing = 1;
+    config.publish_hinfo = 0;
+    config.publish_addresses = 0;
+    config.publish_workstation = 0;
+    config.publish_domain = 0;
+    config.enable_wide_area = 0;
+    // A device takes about eight records; the default of 4096 would be full at some hundreds of them.
+    config.n_cache_entries_max = 16'384;
+    const auto stateChanged = [](AvahiServer*, AvahiServerState, void*) {};
+    AvahiServer* const server = avahi_server_new(thread.poll(), &config, stateChanged, nullptr, &error);
+    avahi_server_config_free(&config);
+    return server ? std::make_shared<ServerBackend>(thread, server) : nullptr;
+}
+
+} // namespace tessary

@@ -1,0 +1,57 @@
+// One browse for a service type, across restarts of the daemon. On the Avahi thread but for its reports.
+#pragma once
+
+#include "Platform/ServiceDiscovery.h"
+#include "Platform/avahi/AvahiBackend.h"
+
+#include <atomic>
+#include <memory>
+#include <set>
+#include <string>
+#include <tuple>
+
+namespace tessary {
+
+class ServiceBrowse : public std::enable_shared_from_this<ServiceBrowse> {
+  public:
+    ServiceBrowse(AvahiThread& thread, std::string type, std::shared_ptr<Queue> queue, BrowserHandlers handlers);
+
+    /// Begins, or goes on with a new daemon.
+    void begin(AvahiBackend& backend);
+
+    /// The daemon has gone: what it saw is kept until the next one had the time to find it again.
+    void daemonLost();
+
+    /// Ends it for good, with a text for its owner.
+    void fail(const std::string& error);
+
+    /// From here on no handler is entered.
+    ///
+    /// Runs on: any thread.
+    void silence() { isSilent_ = true; }
+
+  private:
+    /// Name, domain and interface.
+    using Result = std::tuple<std::string, std::string, int>;
+
+    void handle(AvahiBackend& backend, const ServiceEvent& event);
+    void handleFailure(AvahiBackend& backend, int error);
+    void scheduleReport();
+    void report();
+    std::set<Result> visible() const;
+
+    AvahiThread& thread_;
+    const std::string type_;
+    const std::shared_ptr<Queue> queue_;
+    const BrowserHandlers handlers_;
+    std::atomic<bool> isSilent_ = false;
+
+    Lookup lookup_;
+    std::set<std::pair<Result, int>> seen_; // what this lookup sees, for each protocol
+    std::set<Result> kept_;                 // what the lookup before it saw
+    std::set<Result> reported_;
+    bool isReportScheduled_ = false;
+    bool hasFailed_ = false;
+};
+
+} // namespace tessary
