@@ -14,11 +14,9 @@ namespace tessary::test {
 template <typename T> class Reports {
   public:
     void add(T report) {
-        {
-            const std::lock_guard lock(mutex_);
-            reports_.push_back(std::move(report));
-        }
-        arrived_.notify_all();
+        const std::lock_guard lock(mutex_);
+        reports_.push_back(std::move(report));
+        arrived_.notify_all(); // with the lock held: whoever waits may destroy this as soon as it has the report
     }
 
     /// The next report, or none if it does not come within `patience`.
