@@ -55,7 +55,8 @@ class AvahiBackend {
     /// Whether such an error of a lookup may merely tell that the daemon is going away.
     virtual bool mayRecover(int error) const = 0;
 
-    virtual Lookup browseServices(const std::string& type, std::function<void(const ServiceEvent&)> handler) = 0;
+    virtual Lookup browseServices(const std::string& type,
+                                  std::function<void(const ServiceEvent&)> handler) = 0;
 
     /// Finds the host and the port of a service, on any interface; its addresses are not asked for.
     virtual Lookup resolveService(const std::string& name, const std::string& type, const std::string& domain,

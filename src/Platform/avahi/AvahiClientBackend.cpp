@@ -37,7 +37,8 @@ struct ClientAPI {
         auto& lookup = AddressLookup::of(userData);
         if (event == AVAHI_BROWSER_FAILURE) return lookup.deliverFailure();
         lookup.deliver({event, interface, protocol,
-                        bytes ? std::string(static_cast<const char*>(bytes), size) : std::string(), AVAHI_OK});
+                        bytes ? std::string(static_cast<const char*>(bytes), size) : std::string(),
+                        AVAHI_OK});
     }
 
     static int error(Context* client) { return avahi_client_errno(client); }

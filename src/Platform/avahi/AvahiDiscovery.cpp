@@ -175,8 +175,8 @@ std::unique_ptr<ServiceBrowser> AvahiDiscovery::makeBrowser(const std::string& t
     return std::make_unique<AvahiBrowser>(parts_->engine, type);
 }
 
-std::shared_ptr<ServiceResolver> AvahiDiscovery::makeResolver(const std::string& domain, const std::string& type,
-                                                              const std::string& name) {
+std::shared_ptr<ServiceResolver>
+AvahiDiscovery::makeResolver(const std::string& domain, const std::string& type, const std::string& name) {
     return std::make_shared<AvahiResolver>(parts_->engine, parts_->mainQueue, domain, type, name);
 }
 

@@ -7,9 +7,9 @@
 
 namespace tessary {
 
-/// Uses the Avahi daemon where one is on the system bus at launch, or can be started by it, and else brings an
-/// mDNS stack of its own; which of them, is chosen once. A daemon that goes and comes back is waited for: what
-/// was found stays found meanwhile, and what was being resolved is resolved then.
+/// Uses the Avahi daemon where one is on the system bus at launch, or can be started by it, and else brings
+/// an mDNS stack of its own; which of them, is chosen once. A daemon that goes and comes back is waited for:
+/// what was found stays found meanwhile, and what was being resolved is resolved then.
 ///
 /// Everything happens on one thread, which also serves the queues that are made here.
 class AvahiDiscovery : public ServiceDiscovery {

@@ -52,21 +52,23 @@ void AvahiEngine::ready() {
     beginResolutions();
 }
 
-/// What was in flight goes back to the head of the queue: its time starts anew with the new daemon.
+/// What was in flight goes back to those that wait: its time starts anew with the new daemon.
 void AvahiEngine::lost() {
     for (const auto& browse : browses_)
         browse->daemonLost();
     for (const auto& resolution : inFlight_) {
         resolution->interrupt();
-        waiting_.push_front(resolution);
+        waiting_.push_back(resolution);
     }
     inFlight_.clear();
 }
 
+/// The newest first: a device that has just come does not wait for thousands of names that nobody answers
+/// for.
 void AvahiEngine::beginResolutions() {
     while (backend_->isReady() && !waiting_.empty() && inFlight_.size() < resolutionsInFlight) {
-        const auto resolution = waiting_.front();
-        waiting_.pop_front();
+        const auto resolution = waiting_.back();
+        waiting_.pop_back();
         inFlight_.insert(resolution);
         resolution->begin(*backend_, [this, weak = std::weak_ptr(resolution)] {
             if (const auto finished = weak.lock()) remove(finished);

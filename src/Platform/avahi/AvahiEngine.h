@@ -6,9 +6,9 @@
 #include "Platform/avahi/ServiceBrowse.h"
 #include "Platform/avahi/ServiceResolution.h"
 
-#include <deque>
 #include <memory>
 #include <set>
+#include <vector>
 
 namespace tessary {
 
@@ -26,7 +26,7 @@ class AvahiEngine {
     void add(const std::shared_ptr<ServiceBrowse>& browse);
     void remove(const std::shared_ptr<ServiceBrowse>& browse);
 
-    /// Puts a resolution in the queue for the network.
+    /// Resolves as soon as there is room on the network.
     void add(const std::shared_ptr<ServiceResolution>& resolution);
     void remove(const std::shared_ptr<ServiceResolution>& resolution);
 
@@ -40,7 +40,7 @@ class AvahiEngine {
     std::shared_ptr<AvahiBackend> backend_;
     int error_ = AVAHI_OK; // why there is no backend
     std::set<std::shared_ptr<ServiceBrowse>> browses_;
-    std::deque<std::shared_ptr<ServiceResolution>> waiting_;
+    std::vector<std::shared_ptr<ServiceResolution>> waiting_;
     std::set<std::shared_ptr<ServiceResolution>> inFlight_;
     PreferredAddresses preferred_;
 };

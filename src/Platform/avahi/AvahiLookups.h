@@ -56,16 +56,19 @@ class AvahiLookup : public std::enable_shared_from_this<AvahiLookup<API, Object,
 };
 
 /// The lookups of one of the libraries. `API` names its types and functions.
-template <typename API> class AvahiLookups : public AvahiBackend {
+template <typename API>
+class AvahiLookups : public AvahiBackend {
   public:
     using ServiceLookup = AvahiLookup<API, typename API::ServiceBrowser, ServiceEvent>;
     using HostLookup = AvahiLookup<API, typename API::ServiceResolver, HostEvent>;
     using AddressLookup = AvahiLookup<API, typename API::RecordBrowser, AddressEvent>;
 
-    Lookup browseServices(const std::string& type, std::function<void(const ServiceEvent&)> handler) override {
+    Lookup browseServices(const std::string& type,
+                          std::function<void(const ServiceEvent&)> handler) override {
         const auto lookup = std::make_shared<ServiceLookup>(thread_, context_, std::move(handler));
-        lookup->adopt(API::newServiceBrowser(context_.get(), AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, type.c_str(),
-                                             nullptr, AvahiLookupFlags{}, serviceChanged, lookup.get()));
+        lookup->adopt(API::newServiceBrowser(context_.get(), AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC,
+                                             type.c_str(), nullptr, AvahiLookupFlags{}, serviceChanged,
+                                             lookup.get()));
         return lookup;
     }
 
@@ -73,9 +76,9 @@ template <typename API> class AvahiLookups : public AvahiBackend {
                           std::function<void(const HostEvent&)> handler) override {
         const auto lookup = std::make_shared<HostLookup>(thread_, context_, std::move(handler));
         constexpr auto flags = AvahiLookupFlags(AVAHI_LOOKUP_NO_TXT | AVAHI_LOOKUP_NO_ADDRESS);
-        lookup->adopt(API::newServiceResolver(context_.get(), AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, name.c_str(),
-                                              type.c_str(), domain.c_str(), AVAHI_PROTO_UNSPEC, flags, hostFound,
-                                              lookup.get()));
+        lookup->adopt(API::newServiceResolver(context_.get(), AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC,
+                                              name.c_str(), type.c_str(), domain.c_str(), AVAHI_PROTO_UNSPEC,
+                                              flags, hostFound, lookup.get()));
         return lookup;
     }
 
@@ -102,9 +105,10 @@ template <typename API> class AvahiLookups : public AvahiBackend {
         lookup.deliver({event, interface, protocol, name ? name : "", domain ? domain : "", AVAHI_OK});
     }
 
-    static void hostFound(typename API::ServiceResolver*, AvahiIfIndex, AvahiProtocol, AvahiResolverEvent event,
-                          const char*, const char*, const char*, const char* host, const AvahiAddress*,
-                          std::uint16_t port, AvahiStringList*, AvahiLookupResultFlags, void* userData) {
+    static void hostFound(typename API::ServiceResolver*, AvahiIfIndex, AvahiProtocol,
+                          AvahiResolverEvent event, const char*, const char*, const char*, const char* host,
+                          const AvahiAddress*, std::uint16_t port, AvahiStringList*, AvahiLookupResultFlags,
+                          void* userData) {
         auto& lookup = HostLookup::of(userData);
         if (event == AVAHI_RESOLVER_FAILURE) return lookup.deliverFailure();
         lookup.deliver({host ? host : "", port, AVAHI_OK});

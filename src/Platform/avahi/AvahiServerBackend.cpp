@@ -66,6 +66,8 @@ std::shared_ptr<AvahiBackend> makeServerBackend(AvahiThread& thread, int& error)
     avahi_set_log_function([](AvahiLogLevel, const char*) {}); // it would write to standard error
     AvahiServerConfig config;
     avahi_server_config_init(&config);
+    // It only listens. It could not publish either: both Avahi libraries export avahi_entry_group_free, and
+    // in a process that loads both, the core's entry groups may be freed by the client's function.
     config.disable_publishing = 1;
     config.publish_hinfo = 0;
     config.publish_addresses = 0;

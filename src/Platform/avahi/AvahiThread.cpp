@@ -77,7 +77,8 @@ void AvahiThread::runTimed() {
 
 int AvahiThread::millisecondsToNext() const {
     if (timed_.empty()) return -1;
-    const auto wait = std::chrono::ceil<std::chrono::milliseconds>(timed_.begin()->first - SteadyClock::now());
+    const auto wait =
+        std::chrono::ceil<std::chrono::milliseconds>(timed_.begin()->first - SteadyClock::now());
     return static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(wait.count(), 0, 60'000));
 }
 

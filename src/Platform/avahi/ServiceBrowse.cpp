@@ -33,8 +33,8 @@ ServiceBrowse::ServiceBrowse(AvahiThread& thread, std::string type, std::shared_
 
 void ServiceBrowse::begin(AvahiBackend& backend) {
     if (hasFailed_) return;
-    lookup_ = backend.browseServices(
-        type_, [this, &backend](const ServiceEvent& event) { handle(backend, event); });
+    lookup_ = backend.browseServices(type_,
+                                     [this, &backend](const ServiceEvent& event) { handle(backend, event); });
 }
 
 void ServiceBrowse::daemonLost() {
@@ -46,8 +46,12 @@ void ServiceBrowse::daemonLost() {
 void ServiceBrowse::handle(AvahiBackend& backend, const ServiceEvent& event) {
     const std::pair service(Result(event.name, event.domain, event.interface), event.protocol);
     switch (event.event) {
-    case AVAHI_BROWSER_NEW: seen_.insert(service); return scheduleReport();
-    case AVAHI_BROWSER_REMOVE: seen_.erase(service); return scheduleReport();
+    case AVAHI_BROWSER_NEW:
+        seen_.insert(service);
+        return scheduleReport();
+    case AVAHI_BROWSER_REMOVE:
+        seen_.erase(service);
+        return scheduleReport();
     case AVAHI_BROWSER_ALL_FOR_NOW:
         if (kept_.empty()) return;
         return thread_.postAfter(rediscoveryTime, [weak = weak_from_this(), lookup = std::weak_ptr(lookup_)] {
@@ -56,8 +60,10 @@ void ServiceBrowse::handle(AvahiBackend& backend, const ServiceEvent& event) {
             self->kept_.clear();
             self->scheduleReport();
         });
-    case AVAHI_BROWSER_CACHE_EXHAUSTED: return;
-    case AVAHI_BROWSER_FAILURE: return handleFailure(backend, event.error);
+    case AVAHI_BROWSER_CACHE_EXHAUSTED:
+        return;
+    case AVAHI_BROWSER_FAILURE:
+        return handleFailure(backend, event.error);
     }
 }
 

@@ -14,7 +14,8 @@ namespace tessary {
 
 class ServiceBrowse : public std::enable_shared_from_this<ServiceBrowse> {
   public:
-    ServiceBrowse(AvahiThread& thread, std::string type, std::shared_ptr<Queue> queue, BrowserHandlers handlers);
+    ServiceBrowse(AvahiThread& thread, std::string type, std::shared_ptr<Queue> queue,
+                  BrowserHandlers handlers);
 
     /// Begins, or goes on with a new daemon.
     void begin(AvahiBackend& backend);

@@ -1,23 +1,17 @@
 #include "Platform/avahi/ServiceResolution.h"
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <map>
 #include <netinet/in.h>
 #include <tuple>
 #include <utility>
 
-#include <avahi-common/defs.h>
-
 namespace tessary {
 
 namespace {
 
 using namespace std::chrono_literals;
-
-constexpr std::uint16_t recordTypeA = 1;     // RFC 1035
-constexpr std::uint16_t recordTypeAAAA = 28; // RFC 3596
 
 constexpr std::size_t ipv4Size = 4;
 constexpr std::size_t ipv6Size = 16;
@@ -49,7 +43,8 @@ bool comesBefore(const IPv4Host& first, const IPv4Host& second) {
     return rank(first) < rank(second);
 }
 
-template <typename Address> SocketAddressRecord recordOf(const Address& address) {
+template <typename Address>
+SocketAddressRecord recordOf(const Address& address) {
     SocketAddressRecord record(sizeof address);
     std::memcpy(record.data(), &address, sizeof address);
     return record;
@@ -87,8 +82,8 @@ void ServiceResolution::handleHost(const HostEvent& event) {
     if (!host_.empty()) return;
     host_ = lowerCase(event.host);
     port_ = event.port;
-    browseAddresses(recordTypeA);
-    if (isLate_) browseAddresses(recordTypeAAAA);
+    browseAddresses(AVAHI_DNS_TYPE_A);
+    if (isLate_) browseAddresses(AVAHI_DNS_TYPE_AAAA);
 }
 
 void ServiceResolution::browseAddresses(std::uint16_t recordType) {
@@ -118,7 +113,7 @@ void ServiceResolution::handleError(int error) {
 void ServiceResolution::handleHalfTime() {
     isLate_ = true;
     if (!addresses_.empty()) return succeed();
-    if (!host_.empty()) browseAddresses(recordTypeAAAA);
+    if (!host_.empty()) browseAddresses(AVAHI_DNS_TYPE_AAAA);
 }
 
 void ServiceResolution::handleTimeout() {
@@ -133,12 +128,13 @@ void ServiceResolution::decide() {
     succeed();
 }
 
+/// How long the addresses must have stayed as they are before one of them is chosen.
 std::chrono::milliseconds ServiceResolution::settleTime() {
     std::map<int, std::set<std::string>> links;
     for (const auto& [interface, protocol, bytes] : addresses_)
         if (bytes.size() == ipv4Size) links[interface].insert(bytes);
-    const auto shows = [&](const auto& link) { return link.second.size() > 1; };
-    if (std::any_of(links.begin(), links.end(), shows)) return flushedAddressTime;
+    const auto showsTwo = [](const auto& link) { return link.second.size() > 1; };
+    if (std::any_of(links.begin(), links.end(), showsTwo)) return flushedAddressTime;
 
     const auto preferred = preferred_.find(host_);
     if (!preferred || links.empty()) return newHostSettleTime;

@@ -35,7 +35,7 @@ constexpr std::size_t ringCapacity = 1 << 20;
 /// How long the program's launch may wait for a server that hangs.
 constexpr auto answerLimit = 5s;
 /// How long the program's end may wait for one.
-constexpr auto closeLimit = 250ms;
+constexpr auto closeLimit = 200ms;
 /// A server that restarts is heard of within this time; a failed attempt costs one refused `connect`.
 constexpr auto retryInterval = 1s;
 
@@ -76,8 +76,9 @@ class ClockOffset {
 
 } // namespace
 
-/// The link to the server. Its thread owns it together with the output, so that it may outlive the output by
-/// the time for which a hanging server holds libjack up.
+/// The link to the server; one in a process, for libjack deletes the clients of a dead server under their
+/// owners' feet as soon as anybody in the process opens a new one. Its thread owns it together with the
+/// output, so that it may outlive the output by the time for which a hanging server holds libjack up.
 class JackOutput::Link {
   public:
     /// Keeps a client, and a port if one is wanted, at the server until `close` is called. Gives up at once
@@ -118,10 +119,9 @@ class JackOutput::Link {
     static void serverLost(void* link);
     void play(jack_nframes_t frames);
 
-    // Written by the thread of `run` while JACK does not call `process`, which reads them too.
     std::string clientName_;
-    jack_client_t* client_ = nullptr;
-    jack_port_t* port_ = nullptr;
+    jack_client_t* client_ = nullptr; ///< written only while JACK does not call `process`
+    std::atomic<jack_port_t*> port_{nullptr};
     ClockOffset clockOffset_;
 
     MIDIRing ring_{ringCapacity};
@@ -222,18 +222,22 @@ jack_status_t JackOutput::Link::openClient() {
 }
 
 bool JackOutput::Link::activatePort(const std::string& name) {
-    port_ = jack_port_register(client_, name.c_str(), JACK_DEFAULT_MIDI_TYPE, JackPortIsOutput, 0);
-    if (!port_) return false;
     ring_.clear(); // of what was published before the last server was known to be lost
-    if (jack_activate(client_) != 0) return false;
-    takesMessages_.store(true, std::memory_order_release);
-    return true;
+    takesMessages_.store(true,
+                         std::memory_order_release); // others may connect before the port is in our hands
+    // The port comes second: a program that connected to the port of a client which is about to become active
+    // could stall the server for seconds.
+    if (jack_activate(client_) == 0)
+        port_ = jack_port_register(client_, name.c_str(), JACK_DEFAULT_MIDI_TYPE, JackPortIsOutput, 0);
+    if (port_) return true;
+    takesMessages_.store(false, std::memory_order_release);
+    return false;
 }
 
 void JackOutput::Link::deactivatePort() {
     takesMessages_.store(false, std::memory_order_release);
     jack_deactivate(client_);
-    jack_port_unregister(client_, std::exchange(port_, nullptr));
+    jack_port_unregister(client_, port_.exchange(nullptr));
 }
 
 void JackOutput::Link::closeClient() {
@@ -307,7 +311,9 @@ void JackOutput::Link::serverLost(void* argument) {
 ///
 /// Runs on: JACK's real-time thread. Allocates: never. Waits: never.
 void JackOutput::Link::play(jack_nframes_t frames) {
-    void* const buffer = jack_port_get_buffer(port_, frames);
+    jack_port_t* const port = port_.load(std::memory_order_acquire);
+    if (!port) return;
+    void* const buffer = jack_port_get_buffer(port, frames);
     if (buffer) jack_midi_clear_buffer(buffer);
 
     jack_nframes_t cycle = 0;
@@ -350,7 +356,8 @@ MIDIStatus JackOutput::createClient(std::string_view name, MIDIObjectRef& client
     sigset_t blocked;
     sigset_t previous;
     sigfillset(&blocked);
-    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT}) sigdelset(&blocked, fault);
+    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT})
+        sigdelset(&blocked, fault);
     pthread_sigmask(SIG_SETMASK, &blocked, &previous);
     try {
         thread_ = std::thread([link = link_] { link->run(); });

@@ -21,7 +21,7 @@ class JackOutput : public MIDIOutput {
     JackOutput();
     JackOutput(const JackOutput&) = delete;
     JackOutput& operator=(const JackOutput&) = delete;
-    /// Takes at most a quarter of a second, even if the server hangs.
+    /// Takes about 200 milliseconds at most, even if the server hangs.
     ~JackOutput() override;
 
     /// Errors: the negated `jack_status_t` of libjack; -ETIMEDOUT after five seconds without an answer of the

@@ -1,8 +1,12 @@
 #include "Platform/qt/QtMainQueue.h"
 
+#include <QSocketNotifier>
 #include <QThread>
 #include <QTimer>
 #include <atomic>
+#include <cstdint>
+#include <sys/eventfd.h>
+#include <unistd.h>
 #include <utility>
 
 namespace tessary {
@@ -16,9 +20,8 @@ std::chrono::milliseconds rounded(std::chrono::nanoseconds duration) {
 /// What the loop holds of a timer; the handle below is what the owner holds.
 class TimerState : public Timer, public std::enable_shared_from_this<TimerState> {
   public:
-    TimerState(QObject& context, std::function<void(Timer&)> handler)
-        : context_(context)
-        , handler_(std::move(handler)) {}
+    TimerState(QtMainQueue& queue, QObject& context, std::function<void(Timer&)> handler)
+        : queue_(queue), context_(context), handler_(std::move(handler)) {}
 
     void schedule(std::chrono::nanoseconds first, std::chrono::nanoseconds every) override {
         onMainThread([self = shared_from_this(), first, every] {
@@ -53,9 +56,10 @@ class TimerState : public Timer, public std::enable_shared_from_this<TimerState>
         if (context_.thread() == QThread::currentThread())
             work();
         else
-            QMetaObject::invokeMethod(&context_, std::move(work), Qt::QueuedConnection);
+            queue_.post(std::move(work));
     }
 
+    QtMainQueue& queue_;
     QObject& context_;
     const std::function<void(Timer&)> handler_;
     std::atomic<bool> isCancelled_ = false;
@@ -83,16 +87,55 @@ class TimerHandle : public Timer {
 } // namespace
 
 QtMainQueue::QtMainQueue()
-    : context_(std::make_unique<QObject>()) {}
+    : wakeFile_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+    , context_(std::make_unique<QSocketNotifier>(wakeFile_, QSocketNotifier::Read)) {
+    QObject::connect(static_cast<QSocketNotifier*>(context_.get()), &QSocketNotifier::activated, context_.get(),
+                     [this] { runPosted(); });
+}
 
-QtMainQueue::~QtMainQueue() = default;
+QtMainQueue::~QtMainQueue() {
+    context_.reset();
+    close(wakeFile_);
+}
 
 void QtMainQueue::post(std::function<void()> work) {
-    QMetaObject::invokeMethod(context_.get(), std::move(work), Qt::QueuedConnection);
+    bool isFirst = false;
+    {
+        const std::lock_guard lock(mutex_);
+        isFirst = posted_.empty();
+        posted_.push_back(std::move(work));
+    }
+    if (!isFirst) return;
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const ssize_t size = write(wakeFile_, &one, sizeof one);
+}
+
+void QtMainQueue::runPosted() {
+    // What is posted meanwhile waits for the next turn of the loop, so that timers and signals have theirs. The file
+    // stays readable until nothing waits, so that a loop inside a piece of work goes on with the rest.
+    std::size_t turns = 0;
+    {
+        const std::lock_guard lock(mutex_);
+        turns = posted_.size();
+    }
+    for (; turns > 0; --turns) {
+        std::function<void()> work;
+        {
+            const std::lock_guard lock(mutex_);
+            if (posted_.empty()) break;
+            work = std::move(posted_.front());
+            posted_.pop_front();
+            if (posted_.empty()) {
+                std::uint64_t count = 0;
+                [[maybe_unused]] const ssize_t size = read(wakeFile_, &count, sizeof count);
+            }
+        }
+        work();
+    }
 }
 
 std::shared_ptr<Timer> QtMainQueue::makeTimer(std::function<void(Timer&)> handler) {
-    return std::make_shared<TimerHandle>(std::make_shared<TimerState>(*context_, std::move(handler)));
+    return std::make_shared<TimerHandle>(std::make_shared<TimerState>(*this, *context_, std::move(handler)));
 }
 
 void QtMainQueue::postAfter(std::chrono::nanoseconds delay, std::function<void()> work) {

@@ -3,16 +3,23 @@
 
 #include "Platform/Queue.h"
 
+#include <deque>
 #include <memory>
+#include <mutex>
 
 class QObject;
 
 namespace tessary {
 
-/// Made on the main thread, after the application object.
+/// Made and destroyed on the main thread, while there is an application object.
+///
+/// Work waits in a queue of our own and Qt is only woken: one wake-up serves whatever is waiting, and the hand-over
+/// from thread to thread is one that ThreadSanitizer can see.
 class QtMainQueue : public TimerQueue {
   public:
     QtMainQueue();
+    QtMainQueue(const QtMainQueue&) = delete;
+    QtMainQueue& operator=(const QtMainQueue&) = delete;
     ~QtMainQueue() override;
 
     void post(std::function<void()> work) override;
@@ -20,6 +27,11 @@ class QtMainQueue : public TimerQueue {
     void postAfter(std::chrono::nanoseconds delay, std::function<void()> work) override;
 
   private:
+    void runPosted();
+
+    std::mutex mutex_;
+    std::deque<std::function<void()>> posted_;
+    const int wakeFile_; ///< an event file, readable while work is waiting
     std::unique_ptr<QObject> context_;
 };
 
