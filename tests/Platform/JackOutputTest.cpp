@@ -4,10 +4,12 @@
 #include "support/JackServer.h"
 
 #include <gtest/gtest.h>
+#include <jack/jack.h>
 #include <jack/midiport.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <ctime>
@@ -53,12 +55,23 @@ Bytes note(std::size_t number) {
     return {0x90, static_cast<std::uint8_t>(number & 0x7F), 0x40};
 }
 
+/// That the sender had written before the receiver reads is JACK's doing, by way of its server:
+/// ThreadSanitizer, which sees this process alone, must not look.
+__attribute__((no_sanitize("thread"))) Bytes copyOf(const jack_midi_event_t& event) {
+    const volatile std::uint8_t* const from = event.buffer;
+    Bytes bytes(event.size);
+    for (std::size_t i = 0; i < event.size; ++i)
+        bytes[i] = from[i];
+    return bytes;
+}
+
 /// A JACK client like any music program: it connects to the source as soon as that is there and keeps what
 /// arrives.
 class Receiver {
   public:
     struct Event {
-        double time; ///< in microseconds of the host time's clock
+        double time;          ///< in microseconds of the host time's clock
+        jack_nframes_t frame; ///< the same, in its cycle
         Bytes bytes;
     };
 
@@ -67,7 +80,7 @@ class Receiver {
         if (!client_) return;
         port_ = jack_port_register(client_, "in", JACK_DEFAULT_MIDI_TYPE, JackPortIsInput, 0);
         jack_set_process_callback(client_, process, this);
-        jack_set_graph_order_callback(client_, graphChanged, this);
+        jack_set_port_registration_callback(client_, portChanged, this);
         jack_activate(client_);
     }
     Receiver(const Receiver&) = delete;
@@ -106,11 +119,10 @@ class Receiver {
         return changed_.wait_for(lock, 15s, condition);
     }
 
-    static int graphChanged(void* argument) {
+    static void portChanged(jack_port_id_t, int, void* argument) {
         auto& self = *static_cast<Receiver*>(argument);
         const std::lock_guard lock(self.mutex_);
         self.changed_.notify_all();
-        return 0;
     }
 
     static int process(jack_nframes_t frames, void* argument) {
@@ -128,7 +140,7 @@ class Receiver {
         jack_midi_event_t event;
         for (jack_nframes_t i = 0; jack_midi_event_get(&event, buffer, i) == 0; ++i) {
             const double time = begin + double{period} * event.time / frames;
-            self.events_.push_back({time, Bytes(event.buffer, event.buffer + event.size)});
+            self.events_.push_back({time, event.time, copyOf(event)});
             self.changed_.notify_all();
         }
         return 0;
@@ -215,9 +227,10 @@ TEST_F(JackOutputTest, EveryMessageIsDelayedByOnePeriod) {
         const double stamp = static_cast<double>(first + i * step) / 1'000;
         const double delay = (events[i].time - stamp) * JackServer::rate / 1e6;
         EXPECT_GE(delay, JackServer::period - 2.0) << "event " << i;
-        if (delay > JackServer::period + 2.0) ++late;
+        // At frame 0 it may be due to the server, which on a busy machine starts a cycle too late.
+        if (delay > JackServer::period + 2.0 && events[i].frame > 0) ++late;
     }
-    EXPECT_LE(late, count / 10) << "only a cycle that the server skipped may delay an event further";
+    EXPECT_LE(late, count / 20) << "of which few may be due to an interrupted look at the clocks";
 }
 
 TEST_F(JackOutputTest, FullQueueDropsWholeMessagesAndRecovers) {
@@ -267,11 +280,10 @@ TEST_F(JackOutputTest, EndsQuicklyWhateverTheServerDoesAndWhileMessagesCome) {
         [] {},                                                             // it lives
         [] { server->signal(SIGSTOP); },                                   // it hangs
         [] { server->end(SIGKILL); },                                      // it dies at this moment
-        [] { server->end(SIGKILL), std::this_thread::sleep_for(1200ms); }, // it is being waited for
+        [] { server->end(SIGKILL), std::this_thread::sleep_for(1200ms); }, // it has been waited for
     };
     for (std::size_t i = 0; i < disturbances.size(); ++i) {
-        output = std::make_unique<JackOutput>();
-        openSource();
+        ASSERT_NO_FATAL_FAILURE(openSource());
         std::atomic<bool> isDone = false;
         std::thread network([&] {
             while (!isDone)
@@ -281,13 +293,15 @@ TEST_F(JackOutputTest, EndsQuicklyWhateverTheServerDoesAndWhileMessagesCome) {
         const auto start = std::chrono::steady_clock::now();
         output->disposeSource(source);
         output->disposeClient(client);
-        const auto duration = std::chrono::steady_clock::now() - start;
+        EXPECT_LT(std::chrono::steady_clock::now() - start, 500ms) << "disturbance " << i;
         isDone = true;
         network.join();
-        output.reset();
-        EXPECT_LT(duration, 350ms) << "disturbance " << i;
+
         server->signal(SIGCONT);
-        server->end(SIGTERM);
+        const auto deadline = std::chrono::steady_clock::now() + 10s;
+        while (output->createClient(name, client) == -EBUSY && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::sleep_for(1ms); // the server that hung has yet to answer the last one's end
+        output->disposeClient(client);
     }
 }
 

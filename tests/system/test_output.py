@@ -1,0 +1,85 @@
+"""Where the program's output goes: the reader of its log and the MIDI system may stall, leave, or never come."""
+import fcntl
+import os
+import select
+import signal
+import unittest
+
+from harness import JackServer, Program, SystemTest
+
+
+class Output(SystemTest):
+    def setUp(self):
+        super().setUp()
+        self.desk = self.network.host("10.77.7.1/24")
+        self.stage = self.network.host("10.77.7.2/24")
+
+    def pipe(self):
+        ends = os.pipe()
+        fcntl.fcntl(ends[1], fcntl.F_SETPIPE_SZ, 4096)
+        return ends
+
+    def test_reader_of_the_log_leaves(self):
+        jack = JackServer(self, self.desk)
+        reader, writer = self.pipe()
+        program = Program(self, self.desk, stdout=writer)
+        os.close(writer)
+        os.close(reader)
+        receiver = jack.receiver()
+        self.device(self.stage, "--name", "Piano", "--rate", 1000, "--messages", 1000)
+        receiver.wait_for_messages(1000)
+        self.assertNotes(receiver, 1000)
+        program.terminate()
+
+    def test_reader_of_the_log_stalls(self):
+        jack = JackServer(self, self.desk)
+        reader, writer = self.pipe()
+        self.addCleanup(os.close, reader)
+        self.addCleanup(os.close, writer)
+        program = Program(self, self.desk, stdout=writer)
+        receiver = jack.receiver()
+        crowd = self.network.host(*(f"10.77.7.{number}/24" for number in range(100, 140)))
+        noise = self.device(crowd, "--address", "10.77.7.100", "--count", 40, "--reject", "control")
+        noise.wait_for("rejected", 20, times=100)  # three lines each: more than the pipe holds
+        self.assertEqual(select.select([], [writer], [], 0)[1], [], "the pipe is not full")
+        self.device(self.stage, "--name", "Piano", "--rate", 1000, "--messages", 3000)
+        receiver.wait_for_messages(3000)
+        self.assertNotes(receiver, 3000)
+        program.terminate()
+        os.set_blocking(reader, False)
+        log = os.read(reader, 1 << 16).decode()
+        self.assertTrue(all(line.startswith("[") for line in log.splitlines()), log)
+
+    def test_no_midi_system(self):
+        program = Program(self, self.desk)
+        program.wait_for(r"^\[CoreMIDI\] MIDIClientCreate failed: -\d+$")
+        program.wait_for(r"^\[CoreMIDI\] MIDISourceCreate failed: -\d+$")
+        device = self.device(self.stage, "--name", "Piano", "--rate", 1000, "--messages", 1000)
+        device.wait_for("played 1000 messages")
+        self.assertEqual(len(program.times("CoreMIDI")), 2)
+        program.terminate()
+
+    def test_jack_server_dies_and_returns(self):
+        jack = JackServer(self, self.desk, patient=False)  # a patient one does not end while it has clients
+        program = Program(self, self.desk)
+        receiver = jack.receiver()
+        device = self.device(self.stage, "--name", "Piano", "--rate", 500)
+        receiver.wait_for_messages(200)
+        for number in (signal.SIGKILL, signal.SIGTERM):
+            with self.subTest(number.name):
+                jack.process.signal(number)
+                jack.process.wait(20)
+                jack.start()
+                receiver.end()
+                receiver = jack.receiver()
+                receiver.wait_for_messages(500)
+                # The velocities count on, but for a period now and then that such a server drops.
+                heard = [message[2] for message in receiver.messages[:500]]
+                steps = [(after - before) % 127 for before, after in zip(heard, heard[1:])]
+                self.assertGreater(steps.count(1), 450)
+        self.assertEqual(len(program.times("dialing")), 1)
+        self.assertEqual(device.times("bye"), [])
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,127 @@
+"""One device and one program: from the announcement to the notes, in the log, on the wire and at a JACK client."""
+import re
+import shutil
+import signal
+import subprocess
+import unittest
+
+from harness import BUILD, CONTROL_PORT, DATA_PORT, ROOT, Capture, JackServer, Process, Program, SystemTest
+
+NAME, ADDRESS = "Stage Piano & Söhne", "10.77.0.2"
+
+
+class OneDevice(SystemTest):
+    def setUp(self):
+        super().setUp()
+        self.desk = self.network.host("10.77.0.1/24")
+        self.stage = self.network.host(f"{ADDRESS}/24")
+
+    def assertLog(self, lines, name=NAME, port=5004):
+        """The log of one undisturbed session, line for line. Answers its tokens."""
+        text = "\n".join(lines)
+        tokens = [int(token) for token in re.findall(r" token=(\d+)$", text, re.M)]
+        self.assertEqual(len(tokens), 2, text)
+        begin = [f"[Dialer] dialing {name} [{ADDRESS}] → {ADDRESS}:{port}",
+                 f"[RTPMIDI] sent control IN to {name} token={tokens[0]}",
+                 f"[RTPMIDI] control OK from {name}",
+                 f"[RTPMIDI] sent data IN to {name} token={tokens[1]}",
+                 f"[RTPMIDI] data OK from {name} — beginning clock sync"]
+        self.assertEqual(lines[:5], begin)
+        # One of these comes from the session's thread, the other from the main thread.
+        self.assertEqual(sorted(lines[5:]), sorted([f"[RTPMIDI] running with {name}", f"[Dialer] {ADDRESS} running"]))
+        return tokens
+
+    def test_notes_log_and_packets(self):
+        jack = JackServer(self, self.desk)
+        capture = Capture(self, self.desk, ADDRESS)
+        program = Program(self, self.desk)
+        receiver = jack.receiver()
+        device = self.device(self.stage, "--name", NAME, "--address", ADDRESS, "--rate", 1000, "--messages", 5000,
+                             "--wait-for-clock")
+        device.wait_for("played 5000 messages", 20)
+        receiver.wait_for_messages(5000)
+        self.assertNotes(receiver, 5000)
+
+        until_third_decade = 22  # the heartbeats come 1, 2, 3, 4, 5, 15 and 25 seconds after the session runs
+        with self.assertRaises(AssertionError):
+            device.wait_for(r"bye from", until_third_decade)
+        log = program.terminate()
+        device.wait_for(r"bye from .*\(control\)")
+        device.wait_for(r"bye from .*\(data\)")
+        self.assertPackets(capture.packets(), self.assertLog(log), program.preferences["TessaryLink.localSSRC.v1"])
+
+    def assertPackets(self, packets, tokens, ssrc):
+        sent = [packet for packet in packets if packet.outgoing]
+        self.assertFalse([packet for packet in packets if packet.malformed])
+        self.assertTrue(all(packet.ssrc == ssrc and packet.destination == ADDRESS for packet in sent))
+        self.assertTrue(1 <= ssrc < 1 << 32)
+
+        both = [(CONTROL_PORT, 5004, tokens[0]), (DATA_PORT, 5005, tokens[1])]
+        self.assertNotEqual(*tokens)
+        for command, outgoing in (("IN", True), ("OK", False), ("BY", True)):
+            found = [packet for packet in packets if packet.command == command and packet.outgoing == outgoing]
+            self.assertEqual([(packet.local, packet.remote, packet.token) for packet in found], both, command)
+            if command != "BY":
+                names = {"IN": "Tessary Link", "OK": NAME}
+                self.assertEqual([packet.name for packet in found], 2 * [names[command]])
+        self.assertEqual([packet.command for packet in sent][-2:], ["BY", "BY"])
+
+        clock = [packet for packet in packets if packet.command == "CK"]
+        self.assertTrue(all(packet.local == DATA_PORT for packet in clock))
+        own = [packet for packet in clock if packet.outgoing and packet.count == 0]
+        self.assertTrue(all(packet.t2 == packet.t3 == 0 for packet in own))
+        answers = [packet for packet in clock if not packet.outgoing and packet.count == 1]
+        completions = [packet for packet in clock if packet.outgoing and packet.count == 2]
+        for question, answer, completion in zip(own, answers, completions, strict=True):
+            self.assertEqual(answer.t1, question.t1)
+            self.assertEqual((completion.t1, completion.t2), (answer.t1, answer.t2))
+            self.assertGreaterEqual(completion.t3, completion.t1)
+        theirs = [packet for packet in clock if not packet.outgoing and packet.count == 0]
+        replies = [packet for packet in clock if packet.outgoing and packet.count == 1]
+        self.assertEqual([(packet.t1, packet.t3) for packet in replies], [(packet.t1, 0) for packet in theirs])
+
+        started = completions[0].time
+        for packet, due in zip(own[1:], (1, 2, 3, 4, 5, 15, 25), strict=True):
+            self.assertAlmostEqual(packet.time - started, due, delta=0.15)
+            # Units of 100 microseconds.
+            self.assertAlmostEqual((packet.t1 - completions[0].t3) / 10_000, due, delta=0.15)
+
+    def test_each_way_of_being_asked_to_end(self):
+        for number in (signal.SIGINT, signal.SIGHUP, signal.SIGTERM):
+            device = self.device(self.stage, "--name", NAME, "--play", "nothing")
+            program = Program(self, self.desk)
+            program.wait_for(" running$")
+            program.wait_for(r"\] running with ")
+            self.assertLog([line for line in program.terminate(number) if "[CoreMIDI]" not in line])
+            for port in ("control", "data"):
+                device.wait_for(rf"bye from .*\({port}\)")
+            device.end()
+
+    def test_an_independent_participant(self):
+        package = BUILD / "node_modules/rtpmidi/package.json"
+        if not shutil.which("node"):
+            self.skipTest("missing: node")
+        if not package.exists():
+            fetched = subprocess.run(["npm", "install", "--prefix", BUILD, "--no-save", "--ignore-scripts",
+                                      "--omit=optional", "rtpmidi@1.0.0"], stdout=subprocess.PIPE,
+                                     stderr=subprocess.STDOUT, text=True, timeout=120)
+            if not package.exists():
+                self.skipTest("cannot fetch the package rtpmidi: " + fetched.stdout[-300:])
+        jack = JackServer(self, self.desk)
+        program = Program(self, self.desk)
+        receiver = jack.receiver()
+        peer = Process(self, ["node", ROOT / "tests/system/rtpmidi_peer.js", package.parent, 5104, 200], self.stage)
+        peer.wait_for("^listening")
+        # It has the ports; the announcement of both services is for this device to make.
+        self.device(self.stage, "--name", "Other", "--address", ADDRESS, "--port", 5104, "--open-after", 3600)
+        program.wait_for(f"^.Dialer. {ADDRESS} running$")
+        peer.wait_for("^played 200$", 20)
+        receiver.wait_for_messages(200)
+        self.assertEqual(receiver.messages,
+                         [bytes((0x90, 36 + number % 60, 1 + number % 127)) for number in range(200)])
+        self.assertLog(program.terminate(), "Other", 5104)
+        peer.wait_for("^session ended$")
+
+
+if __name__ == "__main__":
+    unittest.main()
