@@ -40,7 +40,8 @@ TEST(StandardOutputLogTest, AStalledReaderHoldsNothingUpAndLosesWholeLinesOnly) 
     Pipe pipe;
     auto* log = new StandardOutputLog(pipe.files[1]);
     const std::string line(99, 'x');
-    for (int i = 0; i < 20'000; ++i) log->line(line); // 2 MB; this returns
+    for (int i = 0; i < 20'000; ++i)
+        log->line(line); // 2 MB; this returns
     const auto before = std::chrono::steady_clock::now();
     delete log; // and so does this
     EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(900));
@@ -53,7 +54,8 @@ TEST(StandardOutputLogTest, AStalledReaderHoldsNothingUpAndLosesWholeLinesOnly) 
         chunk.empty() ? (usleep(1000), ++idle) : idle = 0;
     }
     EXPECT_GT(text.size(), 256u * 1024);
-    for (std::size_t at = 0; at < text.size(); at += 100) ASSERT_EQ(text.substr(at, 100), line + "\n");
+    for (std::size_t at = 0; at < text.size(); at += 100)
+        ASSERT_EQ(text.substr(at, 100), line + "\n");
 }
 
 TEST(StandardOutputLogTest, AClosedPipeIsNoReasonToEnd) {
@@ -61,5 +63,6 @@ TEST(StandardOutputLogTest, AClosedPipeIsNoReasonToEnd) {
     Pipe pipe;
     close(std::exchange(pipe.files[0], -1));
     StandardOutputLog log(pipe.files[1]);
-    for (int i = 0; i < 100; ++i) log.line("nobody reads this");
+    for (int i = 0; i < 100; ++i)
+        log.line("nobody reads this");
 }

@@ -11,12 +11,14 @@
 namespace tessary::test {
 
 /// What handlers on another thread report, in order.
-template <typename T> class Reports {
+template <typename T>
+class Reports {
   public:
     void add(T report) {
         const std::lock_guard lock(mutex_);
         reports_.push_back(std::move(report));
-        arrived_.notify_all(); // with the lock held: whoever waits may destroy this as soon as it has the report
+        arrived_
+            .notify_all(); // with the lock held: whoever waits may destroy this as soon as it has the report
     }
 
     /// The next report, or none if it does not come within `patience`.

@@ -19,7 +19,6 @@ namespace tessary {
 /// owner.
 class JackServer {
   public:
-    static constexpr unsigned period = 256;
     static constexpr unsigned rate = 48'000;
 
     /// Names the server; does not start it. To be made before any other thread is.

@@ -19,7 +19,8 @@ namespace tessary::test {
 class PeerSocket {
   public:
     /// Port 0: any free one.
-    explicit PeerSocket(IPv4Host host, std::uint16_t port = 0) : file_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    explicit PeerSocket(IPv4Host host, std::uint16_t port = 0)
+        : file_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
         sockaddr_in address = endpoint(host, port);
         socklen_t size = sizeof address;
         if (bind(file_, reinterpret_cast<const sockaddr*>(&address), size) != 0)
@@ -59,8 +60,8 @@ class PeerSocket {
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_port = htons(port);
-        address.sin_addr.s_addr =
-            htonl(static_cast<std::uint32_t>(host.bytes[0] << 24 | host.bytes[1] << 16 | host.bytes[2] << 8 | host.bytes[3]));
+        address.sin_addr.s_addr = htonl(static_cast<std::uint32_t>(host.bytes[0] << 24 | host.bytes[1] << 16 |
+                                                                   host.bytes[2] << 8 | host.bytes[3]));
         return address;
     }
 

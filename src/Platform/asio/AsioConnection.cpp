@@ -26,7 +26,9 @@ bool isNoRoute(const std::error_code& error) {
 }
 
 /// The library's error codes have a category of their own, which the rest of the program cannot compare.
-std::error_code plain(const std::error_code& error) { return {error.value(), std::system_category()}; }
+std::error_code plain(const std::error_code& error) {
+    return {error.value(), std::system_category()};
+}
 
 } // namespace
 

@@ -21,7 +21,9 @@ std::chrono::milliseconds rounded(std::chrono::nanoseconds duration) {
 class TimerState : public Timer, public std::enable_shared_from_this<TimerState> {
   public:
     TimerState(QtMainQueue& queue, QObject& context, std::function<void(Timer&)> handler)
-        : queue_(queue), context_(context), handler_(std::move(handler)) {}
+        : queue_(queue)
+        , context_(context)
+        , handler_(std::move(handler)) {}
 
     void schedule(std::chrono::nanoseconds first, std::chrono::nanoseconds every) override {
         onMainThread([self = shared_from_this(), first, every] {
@@ -89,8 +91,8 @@ class TimerHandle : public Timer {
 QtMainQueue::QtMainQueue()
     : wakeFile_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
     , context_(std::make_unique<QSocketNotifier>(wakeFile_, QSocketNotifier::Read)) {
-    QObject::connect(static_cast<QSocketNotifier*>(context_.get()), &QSocketNotifier::activated, context_.get(),
-                     [this] { runPosted(); });
+    QObject::connect(static_cast<QSocketNotifier*>(context_.get()), &QSocketNotifier::activated,
+                     context_.get(), [this] { runPosted(); });
 }
 
 QtMainQueue::~QtMainQueue() {
@@ -111,8 +113,9 @@ void QtMainQueue::post(std::function<void()> work) {
 }
 
 void QtMainQueue::runPosted() {
-    // What is posted meanwhile waits for the next turn of the loop, so that timers and signals have theirs. The file
-    // stays readable until nothing waits, so that a loop inside a piece of work goes on with the rest.
+    // What is posted meanwhile waits for the next turn of the loop, so that timers and signals have theirs.
+    // The file stays readable until nothing waits, so that a loop inside a piece of work goes on with the
+    // rest.
     std::size_t turns = 0;
     {
         const std::lock_guard lock(mutex_);

@@ -13,8 +13,8 @@ namespace tessary {
 
 /// Made and destroyed on the main thread, while there is an application object.
 ///
-/// Work waits in a queue of our own and Qt is only woken: one wake-up serves whatever is waiting, and the hand-over
-/// from thread to thread is one that ThreadSanitizer can see.
+/// Work waits in a queue of our own and Qt is only woken: one wake-up serves whatever is waiting, and the
+/// hand-over from thread to thread is one that ThreadSanitizer can see.
 class QtMainQueue : public TimerQueue {
   public:
     QtMainQueue();
