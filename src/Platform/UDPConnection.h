@@ -49,7 +49,7 @@ class UDPConnection {
 
     /// Sends one datagram before it returns, without waiting.
     ///
-    /// Runs on: any thread. Allocates: only to report an error. Errors: `sendFailed`, later.
+    /// Runs on: any thread. Allocates: only after an error. Errors: `sendFailed`, later.
     virtual void send(std::span<const std::uint8_t> datagram) = 0;
 
     /// Closes the connection; it then reports `cancelled` and delivers nothing more.

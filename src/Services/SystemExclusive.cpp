@@ -4,6 +4,14 @@
 
 namespace tessary {
 
+namespace {
+
+/// A datagram that comes later than this many others is not late: its sender counts anew (RFC 3550, appendix
+/// A.1).
+constexpr int mostMisordered = 100;
+
+} // namespace
+
 SystemExclusive::SystemExclusive()
     : storage_(std::make_unique_for_overwrite<std::uint8_t[]>(messages_.size() * longestMessage)) {}
 
@@ -30,9 +38,9 @@ void SystemExclusive::beginDatagram(std::uint32_t ssrc, std::uint16_t sequenceNu
     if (found == messages_.end()) return;
     pending_ = &*found;
     const auto step = static_cast<std::int16_t>(sequenceNumber - pending_->sequenceNumber);
-    isRepeated_ = step <= 0;
+    isRepeated_ = step <= 0 && step > -mostMisordered;
     if (isRepeated_) return;
-    if (step > 1) pending_->discarded = true;
+    if (step != 1) pending_->discarded = true;
     pending_->sequenceNumber = sequenceNumber;
     pending_->lastUse = ++uses_;
 }

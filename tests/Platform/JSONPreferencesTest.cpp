@@ -86,6 +86,16 @@ TEST_F(JSONPreferencesTest, AFileThatIsNoObjectIsSetAsideAtTheNextWrite) {
     EXPECT_EQ(read(file.string() + ".unreadable-3"), "");
 }
 
+TEST_F(JSONPreferencesTest, ALinkStaysALink) {
+    write("{");
+    const fs::path link = folder / "link.json";
+    fs::create_symlink(file, link);
+    JSONPreferences(link).setNumber("a", 1);
+    EXPECT_TRUE(fs::is_symlink(link));
+    EXPECT_EQ(JSONPreferences(file).number("a"), 1);
+    EXPECT_EQ(read(file.string() + ".unreadable"), "{");
+}
+
 TEST_F(JSONPreferencesTest, WhatCannotBeSavedStillHoldsForThisRun) {
     std::ofstream(folder / "deep") << "a file where the folder should be";
     JSONPreferences preferences(file);

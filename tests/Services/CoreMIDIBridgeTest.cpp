@@ -166,6 +166,16 @@ TEST_F(CoreMIDIBridgeTest, AMissingSequenceNumberSpoilsTheMessageAndNothingElse)
     EXPECT_EQ(list("F0 05 F7", 5), Messages{"F0 05 F7"_packet});
 }
 
+TEST_F(CoreMIDIBridgeTest, ASenderThatCountsAnewIsJoinedAgain) {
+    list("F0 01 F0", 30'000); // the app dies in the middle of it and starts again with the same SSRC
+    list("F0 02 F0", 100);
+    EXPECT_EQ(list("F7 03 F7", 101), Messages{"F0 02 03 F7"_packet});
+    list("F0 01 F0", 102);
+    EXPECT_EQ(list("F7 02 F7", 40'000), Messages{}); // a jump is a gap
+    list("F0 04 F0", 40'001);
+    EXPECT_EQ(list("F7 05 F7", 40'002), Messages{"F0 04 05 F7"_packet});
+}
+
 TEST_F(CoreMIDIBridgeTest, ADoubledDatagramIsNotJoinedTwice) {
     list("F0 01 F0", 1);
     list("F0 01 F0", 1);

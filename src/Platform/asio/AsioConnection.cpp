@@ -146,8 +146,10 @@ void AsioConnection::send(std::span<const std::uint8_t> datagram) {
             error = isSent ? 0 : errno;
         };
         attempt();
-        if (error == ECONNREFUSED) { // the answer to an earlier datagram; it kept this one from leaving
-            wasRefused = true;
+        // The network's answer to an earlier datagram shows once, on the next call, and keeps that one from
+        // leaving.
+        if (error == ECONNREFUSED || error == EHOSTUNREACH || error == ENETUNREACH || error == EPROTO) {
+            wasRefused = error == ECONNREFUSED;
             attempt();
         }
     }

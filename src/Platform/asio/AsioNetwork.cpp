@@ -54,6 +54,7 @@ struct AsioNetwork::Parts {
 
     void addressesChanged() {
         const std::vector<IPv4Host> own = ownAddresses();
+        if (own.empty()) return; // not even the loopback: the question has failed
         for (const auto& connection : Connections(connections))
             connection->addressesChanged(own);
     }

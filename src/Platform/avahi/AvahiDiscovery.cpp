@@ -14,7 +14,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto threadEndPatience = 500ms;
+constexpr auto threadEndPatience = 300ms;
 
 /// The way to the main queue, until the discovery closes it.
 class MainQueueGate {

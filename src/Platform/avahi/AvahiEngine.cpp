@@ -7,6 +7,9 @@ namespace {
 /// The daemon gives one client 1024 objects; a resolution takes up to three, and browsers need theirs.
 constexpr std::size_t resolutionsInFlight = 200;
 
+/// Names come and go as fast as somebody on the network likes; a resolution takes up to five seconds.
+constexpr std::size_t mostWaiting = 4096;
+
 } // namespace
 
 void AvahiEngine::run() {
@@ -37,6 +40,10 @@ void AvahiEngine::add(const std::shared_ptr<ServiceResolution>& resolution) {
     if (!backend_) return resolution->fail(error_);
     waiting_.push_back(resolution);
     beginResolutions();
+    if (waiting_.size() <= mostWaiting) return;
+    const auto oldest = waiting_.front();
+    waiting_.pop_front();
+    oldest->fail(AVAHI_ERR_TOO_MANY_OBJECTS); // tried again as long as it is listed
 }
 
 void AvahiEngine::remove(const std::shared_ptr<ServiceResolution>& resolution) {

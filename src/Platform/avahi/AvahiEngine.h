@@ -6,9 +6,9 @@
 #include "Platform/avahi/ServiceBrowse.h"
 #include "Platform/avahi/ServiceResolution.h"
 
+#include <deque>
 #include <memory>
 #include <set>
-#include <vector>
 
 namespace tessary {
 
@@ -40,7 +40,7 @@ class AvahiEngine {
     std::shared_ptr<AvahiBackend> backend_;
     int error_ = AVAHI_OK; // why there is no backend
     std::set<std::shared_ptr<ServiceBrowse>> browses_;
-    std::vector<std::shared_ptr<ServiceResolution>> waiting_;
+    std::deque<std::shared_ptr<ServiceResolution>> waiting_;
     std::set<std::shared_ptr<ServiceResolution>> inFlight_;
     PreferredAddresses preferred_;
 };

@@ -13,6 +13,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
+/// More than any device has; a host that claims thousands is not to keep us busy.
+constexpr std::size_t mostAddresses = 64;
+
 constexpr std::size_t ipv4Size = 4;
 constexpr std::size_t ipv6Size = 16;
 
@@ -95,10 +98,12 @@ void ServiceResolution::handleAddress(const AddressEvent& event) {
     if (event.event == AVAHI_BROWSER_FAILURE) return handleError(event.error);
     if (event.bytes.size() != ipv4Size && event.bytes.size() != ipv6Size) return;
     const Address address{event.interface, event.protocol, event.bytes};
-    if (event.event == AVAHI_BROWSER_NEW)
+    if (event.event != AVAHI_BROWSER_NEW)
+        addresses_.erase(address);
+    else if (addresses_.size() < mostAddresses)
         addresses_.insert(address);
     else
-        addresses_.erase(address);
+        return;
     lastChange_ = SteadyClock::now();
     decide();
 }

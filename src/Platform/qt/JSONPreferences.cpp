@@ -29,6 +29,12 @@ std::optional<QJsonObject> load(const QString& path) {
     return document.object();
 }
 
+/// Where a symbolic link leads, so that what is set aside and what is replaced are the same file.
+QString target(const QString& path) {
+    const QString real = QFileInfo(path).canonicalFilePath();
+    return real.isEmpty() ? path : real;
+}
+
 void setAside(const QString& path) {
     QString other = path + QStringLiteral(".unreadable");
     for (int i = 2; QFileInfo::exists(other); ++i)
@@ -39,7 +45,7 @@ void setAside(const QString& path) {
 } // namespace
 
 JSONPreferences::JSONPreferences(const std::string& path)
-    : path_(std::make_unique<QString>(QString::fromStdString(path)))
+    : path_(std::make_unique<QString>(target(QString::fromStdString(path))))
     , loaded_(std::make_unique<QJsonObject>(load(*path_).value_or(QJsonObject{})))
     , changed_(std::make_unique<QJsonObject>()) {}
 

@@ -25,6 +25,8 @@ class TerminationSignals {
         if (hangup.sa_handler != SIG_IGN) sigaddset(&signals, SIGHUP); // not under nohup
         pthread_sigmask(SIG_BLOCK, &signals, nullptr);
         file_ = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
+        if (file_ < 0)
+            pthread_sigmask(SIG_UNBLOCK, &signals, nullptr); // then they end the program the hard way
     }
     TerminationSignals(const TerminationSignals&) = delete;
     TerminationSignals& operator=(const TerminationSignals&) = delete;

@@ -101,12 +101,9 @@ QtMainQueue::~QtMainQueue() {
 }
 
 void QtMainQueue::post(std::function<void()> work) {
-    bool isFirst = false;
-    {
-        const std::lock_guard lock(mutex_);
-        isFirst = posted_.empty();
-        posted_.push_back(std::move(work));
-    }
+    const std::lock_guard lock(mutex_);
+    const bool isFirst = posted_.empty();
+    posted_.push_back(std::move(work));
     if (!isFirst) return;
     const std::uint64_t one = 1;
     [[maybe_unused]] const ssize_t size = write(wakeFile_, &one, sizeof one);
@@ -122,19 +119,21 @@ void QtMainQueue::runPosted() {
         turns = posted_.size();
     }
     for (; turns > 0; --turns) {
-        std::function<void()> work;
-        {
-            const std::lock_guard lock(mutex_);
-            if (posted_.empty()) break;
-            work = std::move(posted_.front());
-            posted_.pop_front();
-            if (posted_.empty()) {
-                std::uint64_t count = 0;
-                [[maybe_unused]] const ssize_t size = read(wakeFile_, &count, sizeof count);
-            }
-        }
+        const std::function<void()> work = takePosted();
+        if (!work) break;
         work();
     }
+}
+
+std::function<void()> QtMainQueue::takePosted() {
+    const std::lock_guard lock(mutex_);
+    if (posted_.empty()) return nullptr;
+    std::function<void()> work = std::move(posted_.front());
+    posted_.pop_front();
+    if (!posted_.empty()) return work;
+    std::uint64_t count = 0;
+    [[maybe_unused]] const ssize_t size = read(wakeFile_, &count, sizeof count);
+    return work;
 }
 
 std::shared_ptr<Timer> QtMainQueue::makeTimer(std::function<void(Timer&)> handler) {

@@ -28,6 +28,7 @@ class QtMainQueue : public TimerQueue {
 
   private:
     void runPosted();
+    std::function<void()> takePosted();
 
     std::mutex mutex_;
     std::deque<std::function<void()>> posted_;
