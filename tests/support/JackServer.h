@@ -5,9 +5,11 @@
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
+#include <filesystem>
 #include <string>
 #include <sys/prctl.h>
 #include <sys/wait.h>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -29,11 +31,17 @@ class JackServer {
     }
     JackServer(const JackServer&) = delete;
     JackServer& operator=(const JackServer&) = delete;
-    /// What a killed server leaves behind, the next one of its name clears away: libjack knows eight servers
-    /// at most.
+    /// Clears away what a killed server left behind. It would keep its place in libjack's list of eight
+    /// servers until one of its name comes and goes, and the semaphores of its clients stay even then.
     ~JackServer() {
-        if (wasKilled_) start();
+        const bool wasKilled = wasKilled_;
+        if (wasKilled) start();
         end(SIGTERM);
+        if (!wasKilled) return;
+        std::error_code error;
+        for (const auto& file : std::filesystem::directory_iterator("/dev/shm", error))
+            if (file.path().string().find(name_ + "_") != std::string::npos)
+                std::filesystem::remove(file, error);
     }
 
     static bool isInstalled() { return access("/usr/bin/jackd", X_OK) == 0; }

@@ -32,8 +32,9 @@ constexpr std::size_t longestMessage = 32'720;
 /// Thirty of the longest messages, or seconds of the densest playing; a power of two.
 constexpr std::size_t ringCapacity = 1 << 20;
 
-/// How long the program's launch may wait for a server that hangs.
-constexpr auto answerLimit = 5s;
+/// How long the program's launch waits, twice, for a server that is there but does not answer. After that it
+/// goes on, and the source appears when the server does answer.
+constexpr auto answerLimit = 300ms;
 /// How long the program's end may wait for one.
 constexpr auto closeLimit = 200ms;
 /// A server that restarts is heard of within this time; a failed attempt costs one refused `connect`.
@@ -84,7 +85,8 @@ class JackOutput::Link {
     /// Keeps a client, and a port if one is wanted, at the server until `close` is called. Gives up at once
     /// if there is no server at the start; later, tries again until there is one.
     ///
-    /// Runs on: a thread of its own, with every signal blocked; JACK's threads inherit that.
+    /// Runs on: a thread of its own, with every signal blocked but those of faults; JACK's threads inherit
+    /// that.
     void run();
 
     // The following run on the main thread.
@@ -158,9 +160,10 @@ void JackOutput::Link::run() {
     jack_set_info_function(ignoreMessage);
     const jack_status_t status = openClient();
     Lock lock(mutex_);
+    const bool isLate = clientStatus_.has_value(); // the launch has gone on without us
     clientStatus_ = client_ ? 0 : status ? -static_cast<MIDIStatus>(status) : -EIO;
     changed_.notify_all();
-    if (client_) keep(lock);
+    if (client_ || isLate) keep(lock);
     hasEnded_ = true;
     changed_.notify_all();
 }
@@ -250,7 +253,8 @@ void JackOutput::Link::closeClient() {
 MIDIStatus JackOutput::Link::awaitClient() {
     Lock lock(mutex_);
     changed_.wait_for(lock, answerLimit, [this] { return clientStatus_.has_value(); });
-    return clientStatus_.value_or(-ETIMEDOUT);
+    if (!clientStatus_) clientStatus_ = 0;
+    return *clientStatus_;
 }
 
 MIDIStatus JackOutput::Link::openPort(std::string_view name) {
@@ -261,7 +265,7 @@ MIDIStatus JackOutput::Link::openPort(std::string_view name) {
     portStatus_.reset();
     changed_.notify_all();
     changed_.wait_for(lock, answerLimit, [this] { return portStatus_.has_value(); });
-    const MIDIStatus status = portStatus_.value_or(-ETIMEDOUT);
+    const MIDIStatus status = portStatus_.value_or(0);
     portStatus_ = status;
     if (status != 0) portName_.clear();
     return status;

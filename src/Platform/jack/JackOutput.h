@@ -24,12 +24,15 @@ class JackOutput : public MIDIOutput {
     /// Takes about 200 milliseconds at most, even if the server hangs.
     ~JackOutput() override;
 
-    /// Errors: the negated `jack_status_t` of libjack; -ETIMEDOUT after five seconds without an answer of the
-    /// server; -EBUSY if there is a client already; -EAGAIN if no thread can be made.
+    /// A server that is there but does not answer within 0.3 seconds is no failure: the source appears once
+    /// it does.
+    ///
+    /// Errors: the negated `jack_status_t` of libjack, above all for no server; -EBUSY if there is a client
+    /// already; -EAGAIN if no thread can be made.
     MIDIStatus createClient(std::string_view name, MIDIObjectRef& client) override;
 
     /// Errors: -EINVAL for no client; -EBUSY if there is a source already; -EIO if the server refuses or is
-    /// gone; -ETIMEDOUT as above.
+    /// gone.
     MIDIStatus createSource(MIDIObjectRef client, std::string_view name, std::int32_t protocol,
                             MIDIObjectRef& source) override;
 
