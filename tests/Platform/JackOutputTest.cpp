@@ -296,6 +296,22 @@ TEST_F(JackOutputTest, SourceReturnsWithTheServerAndPlaysNothingOld) {
     ASSERT_EQ(output->createSource(client, name, midiProtocol1_0, source), 0);
 }
 
+TEST_F(JackOutputTest, AServerThatHangsAtLaunchIsNotWaitedForAndGetsItsSourceLater) {
+    ASSERT_TRUE(server->start());
+    server->signal(SIGSTOP);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(output->createClient(name, client), 0);
+    EXPECT_EQ(output->createSource(client, name, midiProtocol1_0, source), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 900ms);
+    server->signal(SIGCONT);
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    const std::string isListed = std::string("jack_lsp 2>/dev/null | grep -qx '") + portName + "'";
+    bool isThere = false;
+    while (!isThere && std::chrono::steady_clock::now() < deadline)
+        isThere = std::system(isListed.c_str()) == 0; // NOLINT: a fixed command
+    EXPECT_TRUE(isThere);
+}
+
 TEST_F(JackOutputTest, EndsQuicklyWhateverTheServerDoesAndWhileMessagesCome) {
     const std::vector<std::function<void()>> disturbances = {
         [] {},                                                             // it lives
