@@ -80,7 +80,7 @@ class AvahiResolver : public ServiceResolver, public std::enable_shared_from_thi
         , name_(std::move(name)) {}
     AvahiResolver(const AvahiResolver&) = delete;
     AvahiResolver& operator=(const AvahiResolver&) = delete;
-    ~AvahiResolver() override { stop(); }
+    ~AvahiResolver() override { AvahiResolver::stop(); }
 
     const std::string& name() const override { return name_; }
 

@@ -350,7 +350,7 @@ JackOutput::JackOutput()
     : link_(std::make_shared<Link>()) {}
 
 JackOutput::~JackOutput() {
-    disposeClient(clientRef);
+    JackOutput::disposeClient(clientRef);
 }
 
 MIDIStatus JackOutput::createClient(std::string_view name, MIDIObjectRef& client) {
