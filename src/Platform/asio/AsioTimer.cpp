@@ -1,5 +1,7 @@
 #include "Platform/asio/AsioTimer.h"
 
+#include "Platform/TimerHandle.h"
+
 #include <asio/dispatch.hpp>
 #include <asio/post.hpp>
 #include <asio/steady_timer.hpp>
@@ -15,7 +17,7 @@ using SteadyTimer =
     asio::basic_waitable_timer<std::chrono::steady_clock, asio::wait_traits<std::chrono::steady_clock>,
                                asio::io_context::executor_type>;
 
-/// What the network thread holds of a timer; the handle below is what the owner holds.
+/// What the network thread holds of a timer, next to its owner's handle.
 class TimerState : public Timer, public std::enable_shared_from_this<TimerState> {
   public:
     TimerState(asio::io_context& context, std::function<void(Timer&)> handler)
@@ -63,23 +65,6 @@ class TimerState : public Timer, public std::enable_shared_from_this<TimerState>
     std::atomic<bool> isCancelled_ = false;
     std::chrono::steady_clock::time_point due_;
     std::chrono::nanoseconds every_{};
-};
-
-class TimerHandle : public Timer {
-  public:
-    explicit TimerHandle(std::shared_ptr<TimerState> state)
-        : state_(std::move(state)) {}
-    TimerHandle(const TimerHandle&) = delete;
-    TimerHandle& operator=(const TimerHandle&) = delete;
-    ~TimerHandle() override { state_->cancel(); }
-
-    void schedule(std::chrono::nanoseconds first, std::chrono::nanoseconds every) override {
-        state_->schedule(first, every);
-    }
-    void cancel() override { state_->cancel(); }
-
-  private:
-    const std::shared_ptr<TimerState> state_;
 };
 
 } // namespace

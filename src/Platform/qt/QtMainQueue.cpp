@@ -1,5 +1,7 @@
 #include "Platform/qt/QtMainQueue.h"
 
+#include "Platform/TimerHandle.h"
+
 #include <QSocketNotifier>
 #include <QThread>
 #include <QTimer>
@@ -17,7 +19,7 @@ std::chrono::milliseconds rounded(std::chrono::nanoseconds duration) {
     return std::chrono::ceil<std::chrono::milliseconds>(duration);
 }
 
-/// What the loop holds of a timer; the handle below is what the owner holds.
+/// What the loop holds of a timer, next to its owner's handle.
 class TimerState : public Timer, public std::enable_shared_from_this<TimerState> {
   public:
     TimerState(QtMainQueue& queue, QObject& context, std::function<void(Timer&)> handler)
@@ -67,23 +69,6 @@ class TimerState : public Timer, public std::enable_shared_from_this<TimerState>
     std::atomic<bool> isCancelled_ = false;
     std::chrono::milliseconds every_{};
     QTimer* timer_ = nullptr; ///< its parent's
-};
-
-class TimerHandle : public Timer {
-  public:
-    explicit TimerHandle(std::shared_ptr<TimerState> state)
-        : state_(std::move(state)) {}
-    TimerHandle(const TimerHandle&) = delete;
-    TimerHandle& operator=(const TimerHandle&) = delete;
-    ~TimerHandle() override { state_->cancel(); }
-
-    void schedule(std::chrono::nanoseconds first, std::chrono::nanoseconds every) override {
-        state_->schedule(first, every);
-    }
-    void cancel() override { state_->cancel(); }
-
-  private:
-    const std::shared_ptr<TimerState> state_;
 };
 
 } // namespace
