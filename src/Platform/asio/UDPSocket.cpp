@@ -1,9 +1,11 @@
 #include "Platform/asio/UDPSocket.h"
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <linux/filter.h>
 #include <netinet/in.h>
+#include <span>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <utility>
@@ -28,18 +30,43 @@ bool setOption(int file, int option, const void* value, socklen_t size) {
     return setsockopt(file, SOL_SOCKET, option, value, size) == 0;
 }
 
-bool dropEverything(int file) {
-    sock_filter nothing = BPF_STMT(BPF_RET | BPF_K, 0);
-    const sock_fprog program{.len = 1, .filter = &nothing};
+bool attachFilter(int file, std::span<sock_filter> filter) {
+    const sock_fprog program{.len = static_cast<unsigned short>(filter.size()), .filter = filter.data()};
     return setOption(file, SO_ATTACH_FILTER, &program, sizeof program);
 }
 
-/// Open, deaf, and bound to the port together with whoever else shares it: SO_REUSEPORT, because SO_REUSEADDR
-/// would let another user's program in.
-bool bindDeaf(int file, std::uint16_t localPort) {
+/// Nobody is heard.
+bool hearNobody(int file) {
+    std::array filter{sock_filter BPF_STMT(BPF_RET | BPF_K, 0)};
+    return attachFilter(file, filter);
+}
+
+/// The peer alone is heard, whatever state the socket is in when the kernel looks it up: between binding and
+/// connecting it would take anybody's datagrams, and one on its way at that moment even later.
+bool hearOnly(int file, IPv4Host host, std::uint16_t port) {
+    constexpr std::uint32_t sourceAddress = 12; // offset in the IPv4 header
+    constexpr std::uint32_t sourcePort =
+        0; // offset in the UDP header, where the packet begins for the filter
+    constexpr std::uint32_t everyByte = 0xFFFFFFFF;
+    std::uint32_t address = 0;
+    for (const std::uint8_t byte : host.bytes)
+        address = address << 8 | byte;
+    std::array filter{sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS,
+                                           static_cast<std::uint32_t>(SKF_NET_OFF) + sourceAddress),
+                      sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, address, 0, 3),
+                      sock_filter BPF_STMT(BPF_LD | BPF_H | BPF_ABS, sourcePort),
+                      sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, port, 0, 1),
+                      sock_filter BPF_STMT(BPF_RET | BPF_K, everyByte),
+                      sock_filter BPF_STMT(BPF_RET | BPF_K, 0)};
+    return attachFilter(file, filter);
+}
+
+/// Bound to the port together with whoever else shares it: SO_REUSEPORT, because SO_REUSEADDR would let
+/// another user's program in.
+bool bindShared(int file, std::uint16_t localPort) {
     const int one = 1;
     const sockaddr_in local = endpoint({}, localPort);
-    return setOption(file, SO_REUSEPORT, &one, sizeof one) && dropEverything(file) &&
+    return setOption(file, SO_REUSEPORT, &one, sizeof one) &&
            bind(file, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0;
 }
 
@@ -74,10 +101,8 @@ UDPSocketResult openConnected(std::optional<std::uint16_t> localPort, IPv4Host h
     UDPSocket socket(openFile());
     const int file = socket.file();
     const sockaddr_in remote = endpoint(host, remotePort);
-    const int unused = 0;
-    if (file < 0 || !bindDeaf(file, localPort.value_or(0)) ||
-        connect(file, reinterpret_cast<const sockaddr*>(&remote), sizeof remote) != 0 ||
-        !setOption(file, SO_DETACH_FILTER, &unused, sizeof unused))
+    if (file < 0 || !hearOnly(file, host, remotePort) || !bindShared(file, localPort.value_or(0)) ||
+        connect(file, reinterpret_cast<const sockaddr*>(&remote), sizeof remote) != 0)
         return {{}, lastError()};
     setOption(file, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
     return {std::move(socket), {}};
@@ -85,7 +110,8 @@ UDPSocketResult openConnected(std::optional<std::uint16_t> localPort, IPv4Host h
 
 UDPSocketResult openPlaceholder(std::uint16_t localPort) {
     UDPSocket socket(openFile());
-    if (socket.file() < 0 || !bindDeaf(socket.file(), localPort)) return {{}, lastError()};
+    const int file = socket.file();
+    if (file < 0 || !hearNobody(file) || !bindShared(file, localPort)) return {{}, lastError()};
     return {std::move(socket), {}};
 }
 
