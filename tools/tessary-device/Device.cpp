@@ -234,6 +234,7 @@ Device::SessionRef Device::sessionOf(const Link& link, const UDP::endpoint& from
 }
 
 void Device::end(const SessionRef& session) {
+    // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): it keeps the session alive
     const SessionRef kept = session; // the argument may be the list's own
     kept->ended = true;
     for (auto* timer : {&kept->playTimer, &kept->byeTimer, &kept->clockTimer, &kept->garbageTimer})
