@@ -23,8 +23,18 @@ void measure(const char* name, const Bytes& datagram) {
     FakeMachine machine;
     NullOutput output;
     const SystemClock clock;
-    const Platform platform{*machine.mainQueue,  machine.network, machine.serviceDiscovery, output,
-                            machine.preferences, clock,           machine.random,           machine.log};
+    const Platform platform{machine.application,
+                            *machine.mainQueue,
+                            machine.network,
+                            machine.serviceDiscovery,
+                            output,
+                            machine.preferences,
+                            machine.statusBar,
+                            machine.loginService,
+                            clock,
+                            machine.random,
+                            machine.text,
+                            machine.log};
     CoreMIDIBridge bridge(platform);
     std::vector<double> runs;
     for (int run = 0; run < 21; ++run) {

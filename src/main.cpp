@@ -1,36 +1,92 @@
 // Builds the platform and runs the application: the only place that chooses implementations.
 
 #include "AppDelegate.h"
+#include "Platform/alsa/AlsaOutput.h"
 #include "Platform/asio/AsioNetwork.h"
 #include "Platform/avahi/AvahiDiscovery.h"
 #include "Platform/jack/JackOutput.h"
+#include "Platform/posix/InstanceLock.h"
 #include "Platform/posix/StandardOutputLog.h"
 #include "Platform/posix/SystemClock.h"
 #include "Platform/posix/SystemRandom.h"
 #include "Platform/qt/JSONPreferences.h"
 #include "Platform/qt/QtApplication.h"
 #include "Platform/qt/QtMainQueue.h"
+#include "Platform/qt/QtStatusBar.h"
+#include "Platform/qt/QtText.h"
+#include "Platform/xdg/AutostartEntry.h"
 
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <system_error>
 #include <unistd.h>
+#include <vector>
 
-int main(int, char** argv) {
-    using namespace tessary;
+namespace tessary {
 
-    QtApplication app(argv[0]); // takes the signals, so it comes before every thread
+namespace {
+
+QtApplication* app = nullptr;
+std::shared_ptr<AppDelegate> delegate;
+
+/// Every music program sees the ALSA sequencer's ports, and bridges show them to JACK's programs too. Only
+/// one of the two, or each device would play twice.
+std::unique_ptr<MIDIOutput> makeMIDIOutput() {
+    if (AlsaOutput::isAvailable()) return std::make_unique<AlsaOutput>();
+    return std::make_unique<JackOutput>();
+}
+
+int runApplication(char* programName) {
+    const std::string preferencesPath = JSONPreferences::defaultPath();
+    const InstanceLock lock(
+        InstanceLock::defaultFolders(std::filesystem::path(preferencesPath).parent_path()));
+    if (lock.isHeldElsewhere()) {
+        StandardOutputLog(STDOUT_FILENO).line("Tessary Link is already running");
+        return 0;
+    }
+
+    QtApplication application(programName); // takes the signals, so it comes before every thread of ours
     StandardOutputLog log(STDOUT_FILENO);
     QtMainQueue mainQueue;
     AsioNetwork network{RTPMIDISession::controlLocalPort, RTPMIDISession::dataLocalPort};
     AvahiDiscovery serviceDiscovery(mainQueue);
-    JackOutput midiOutput;
-    JSONPreferences preferences(JSONPreferences::defaultPath());
+    const std::unique_ptr<MIDIOutput> midiOutput = makeMIDIOutput();
+    JSONPreferences preferences(preferencesPath);
+    QtStatusBar statusBar;
+    std::error_code ignored; // without /proc there is no path, and registering reports that
+    AutostartEntry loginService(std::filesystem::read_symlink("/proc/self/exe", ignored));
     const SystemClock clock;
     SystemRandom random;
+    const QtText text;
 
-    AppDelegate delegate(
-        Platform{mainQueue, network, serviceDiscovery, midiOutput, preferences, clock, random, log});
-    return app.run([&] { delegate.applicationDidFinishLaunching(); },
-                   [&] {
-                       delegate.applicationWillTerminate();
-                       network.stop(); // nothing arrives any more while the rest comes down
-                   });
+    app = &application;
+    delegate = std::make_shared<AppDelegate>(Platform{application, mainQueue, network, serviceDiscovery,
+                                                      *midiOutput, preferences, statusBar, loginService,
+                                                      clock, random, text, log});
+    std::atexit([] {
+        if (app) app->processIsExiting();
+    });
+
+    std::vector<Observation> menuContent;
+    const int status = application.run(
+        [&] {
+            delegate->applicationDidFinishLaunching();
+            menuContent = delegate->observeMenuContent([&] { statusBar.menuContentDidChange(); });
+        },
+        [&] {
+            delegate->applicationWillTerminate();
+            network.stop(); // nothing arrives any more while the rest comes down
+        });
+    delegate.reset();
+    app = nullptr;
+    return status;
+}
+
+} // namespace
+
+} // namespace tessary
+
+int main(int, char** argv) {
+    return tessary::runApplication(argv[0]);
 }

@@ -4,23 +4,31 @@
 
 namespace tessary {
 
+class Application;
 class Clock;
 class Log;
+class LoginService;
 class MIDIOutput;
 class Preferences;
 class Random;
 class ServiceDiscovery;
+class StatusBar;
+class Text;
 class TimerQueue;
 class UDPNetwork;
 
 struct Platform {
+    Application& application;
     TimerQueue& mainQueue;
     UDPNetwork& network;
     ServiceDiscovery& serviceDiscovery;
     MIDIOutput& midiOutput;
     Preferences& preferences;
+    StatusBar& statusBar;
+    LoginService& loginService;
     const Clock& clock;
     Random& random;
+    const Text& text;
     Log& log;
 };
 

@@ -1,6 +1,5 @@
 #include "Services/RTPMIDIDialer.h"
 
-#include "AppDelegate.h"
 #include "support/Fakes.h"
 #include "support/Packet.h"
 
@@ -225,26 +224,4 @@ TEST_F(RTPMIDIDialerTest, LettingGoSilencesEverything) {
     EXPECT_EQ(control->sentOf<Bye>().size(), 1u);
     EXPECT_EQ(machine.log.lines, lines);
     EXPECT_TRUE(machine.midiOutput.messages.empty());
-}
-
-TEST(AppDelegateTest, LaunchesInOrderAndSaysGoodbyeAtTheEnd) {
-    FakeMachine machine;
-    {
-        AppDelegate early(machine.platform());
-        early.applicationWillTerminate(); // before launch there is nothing to end
-    }
-    AppDelegate delegate(machine.platform());
-    delegate.applicationDidFinishLaunching();
-    EXPECT_EQ(machine.midiOutput.calls.front(), "client Tessary Link");
-    machine.serviceDiscovery.browser("_apple-midi._udp").see({"iPad"});
-    machine.serviceDiscovery.browser("_tessarylink._tcp").see({"iPad"});
-    machine.time.run();
-    for (const std::string type : {"_apple-midi._udp", "_tessarylink._tcp"})
-        machine.serviceDiscovery.resolver(type, "iPad")->succeed({"10.0.0.2"}, 5004);
-    machine.time.run();
-    const auto control = machine.network.newest(51204);
-    ASSERT_NE(control, nullptr);
-    EXPECT_EQ(control->sentOf<Invitation>().at(0).name, "Tessary Link");
-    delegate.applicationWillTerminate();
-    EXPECT_EQ(control->sentOf<Bye>().size(), 1u); // it has left before the process ends
 }

@@ -2,12 +2,16 @@
 #pragma once
 
 #include "Models/UTF8.h"
+#include "Platform/Application.h"
 #include "Platform/Log.h"
+#include "Platform/LoginService.h"
 #include "Platform/MIDIOutput.h"
 #include "Platform/Platform.h"
 #include "Platform/Preferences.h"
 #include "Platform/Random.h"
 #include "Platform/ServiceDiscovery.h"
+#include "Platform/StatusItem.h"
+#include "Platform/Text.h"
 #include "Platform/UDPConnection.h"
 #include "Services/AppleMIDIPacket.h"
 #include "support/VirtualTime.h"
@@ -317,6 +321,87 @@ class FakeDiscovery : public ServiceDiscovery {
     VirtualTime& time_;
 };
 
+struct FakeApplication : Application {
+    void terminate() override { ++terminations; }
+    int terminations = 0;
+};
+
+struct FakeMenu : Menu {
+    void setDelegate(std::weak_ptr<MenuDelegate> given) override { delegate = std::move(given); }
+    void setItems(std::vector<MenuItem> given) override { items = std::move(given); }
+
+    /// Opens it, as a panel does.
+    const std::vector<MenuItem>& open() {
+        delegate.lock()->menuNeedsUpdate(*this);
+        return items;
+    }
+    void choose(const std::string& title) {
+        const auto item = std::find_if(items.begin(), items.end(),
+                                       [&](const MenuItem& each) { return each.title == title; });
+        if (item == items.end() || !item->isEnabled) throw std::out_of_range(title);
+        const auto choose = item->choose;
+        choose();
+    }
+
+    std::weak_ptr<MenuDelegate> delegate;
+    std::vector<MenuItem> items;
+};
+
+struct FakeStatusItem : StatusItem {
+    void setBehavior(StatusItemBehavior given) override { behavior = given; }
+    void setAutosaveName(const std::string& name) override { autosaveName = name; }
+    void setImage(const Image& given) override { image = given; }
+    bool isVisible() const override { return visible; }
+    void setVisible(bool isVisible) override { visible = isVisible, ++showings; }
+    void setMenu(std::shared_ptr<Menu> given) override { menu = std::move(given); }
+
+    std::optional<StatusItemBehavior> behavior;
+    std::string autosaveName;
+    Image image;
+    bool visible = false;
+    int showings = 0;
+    std::shared_ptr<Menu> menu;
+};
+
+struct FakeStatusBar : StatusBar {
+    std::shared_ptr<StatusItem> makeStatusItem(StatusItemLength given) override {
+        length = given;
+        return item = std::make_shared<FakeStatusItem>();
+    }
+    std::shared_ptr<Menu> makeMenu() override { return menu = std::make_shared<FakeMenu>(); }
+
+    std::optional<StatusItemLength> length;
+    std::shared_ptr<FakeStatusItem> item;
+    std::shared_ptr<FakeMenu> menu;
+};
+
+/// Knows of one equivalence, which is enough to see that it is asked: e with a combining acute accent.
+struct FakeText : Text {
+    std::u32string collationKey(std::string_view utf8) const override {
+        std::string text(utf8);
+        if (const auto found = text.find("e\u0301"); found != std::string::npos) text.replace(found, 3, "é");
+        return {text.begin(), text.end()};
+    }
+};
+
+/// Does as it is told, unless `error` is set.
+struct FakeLoginService : LoginService {
+    std::optional<LoginServiceError> registerProgram() override { return change(true); }
+    std::optional<LoginServiceError> unregisterProgram() override { return change(false); }
+    LoginServiceStatus status() const override {
+        return isRegistered ? registeredStatus : LoginServiceStatus::notRegistered;
+    }
+    std::optional<LoginServiceError> change(bool registers) {
+        ++calls;
+        if (!error) isRegistered = registers;
+        return error;
+    }
+    bool isRegistered = false;
+    LoginServiceStatus registeredStatus = LoginServiceStatus::enabled;
+    std::optional<LoginServiceError> error;
+    int calls = 0;
+};
+
 /// A whole machine of fakes.
 struct FakeMachine {
     VirtualTime time;
@@ -327,9 +412,14 @@ struct FakeMachine {
     FakePreferences preferences;
     FakeRandom random;
     FakeLog log;
+    FakeApplication application;
+    FakeStatusBar statusBar;
+    FakeLoginService loginService;
+    FakeText text;
 
     Platform platform() {
-        return {*mainQueue, network, serviceDiscovery, midiOutput, preferences, time, random, log};
+        return {application, *mainQueue,   network, serviceDiscovery, midiOutput, preferences,
+                statusBar,   loginService, time,    random,           text,       log};
     }
 };
 

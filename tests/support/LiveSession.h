@@ -18,8 +18,18 @@ namespace tessary::test {
 class LiveSession {
   public:
     explicit LiveSession(MIDIOutput& output)
-        : platform_{*machine_.mainQueue,  network_, machine_.serviceDiscovery, output,
-                    machine_.preferences, clock_,   machine_.random,           machine_.log}
+        : platform_{machine_.application,
+                    *machine_.mainQueue,
+                    network_,
+                    machine_.serviceDiscovery,
+                    output,
+                    machine_.preferences,
+                    machine_.statusBar,
+                    machine_.loginService,
+                    clock_,
+                    machine_.random,
+                    machine_.text,
+                    machine_.log}
         , bridge_(platform_) {
         while (!data_) { // the two ports of a peer are neighbours
             try {

@@ -1,9 +1,11 @@
 #include "Platform/qt/QtApplication.h"
 
-#include <QCoreApplication>
+#include <QApplication>
+#include <QSessionManager>
 #include <QSocketNotifier>
 #include <array>
 #include <csignal>
+#include <cstdlib>
 #include <sys/signalfd.h>
 #include <unistd.h>
 #include <utility>
@@ -38,20 +40,36 @@ class TerminationSignals {
     int file_ = -1;
 };
 
+/// Where to show things: on the display that there is, else nowhere, which lets the program do its job all
+/// the same. A user's own choice stays.
+void choosePlatform() {
+    const bool isWayland = qEnvironmentVariableIsSet("WAYLAND_DISPLAY");
+    setenv("QT_QPA_PLATFORM", isWayland ? "wayland;xcb;offscreen" : "xcb;offscreen", 0);
+}
+
 } // namespace
 
 struct QtApplication::Parts {
     explicit Parts(char* programName)
         : arguments{programName, nullptr}
-        , application(argumentCount, arguments.data())
+        , application((choosePlatform(), argumentCount), arguments.data())
         , notifier(signals.file(), QSocketNotifier::Read) {
+        QApplication::setApplicationDisplayName(QStringLiteral("Tessary Link"));
+        QApplication::setDesktopFileName(QStringLiteral("tessary-link"));
+        QApplication::setQuitOnLastWindowClosed(false);
+        QCoreApplication::setQuitLockEnabled(false);
         QObject::connect(&notifier, &QSocketNotifier::activated, &application, &QCoreApplication::quit);
+        // The next session starts the program exactly if its user wants it started at login.
+        QObject::connect(
+            &application, &QGuiApplication::saveStateRequest, &application,
+            [](QSessionManager& session) { session.setRestartHint(QSessionManager::RestartNever); },
+            Qt::DirectConnection);
     }
 
     TerminationSignals signals;
     int argumentCount = 1; // the program has no options, not even Qt's
     std::array<char*, 2> arguments;
-    QCoreApplication application;
+    QApplication application;
     QSocketNotifier notifier;
 };
 
@@ -62,11 +80,22 @@ QtApplication::QtApplication(char* programName)
 
 QtApplication::~QtApplication() = default;
 
-int QtApplication::run(std::function<void()> didFinishLaunching, const std::function<void()>& willTerminate) {
+int QtApplication::run(std::function<void()> didFinishLaunching, std::function<void()> willTerminate) {
+    willTerminate_ = std::move(willTerminate);
     QMetaObject::invokeMethod(&parts_->application, std::move(didFinishLaunching), Qt::QueuedConnection);
     const int status = QCoreApplication::exec();
-    willTerminate();
+    std::exchange(willTerminate_, nullptr)();
     return status;
+}
+
+void QtApplication::terminate() {
+    QCoreApplication::quit();
+}
+
+void QtApplication::processIsExiting() {
+    if (!willTerminate_) return;
+    std::exchange(willTerminate_, nullptr)();
+    _exit(EXIT_FAILURE);
 }
 
 } // namespace tessary

@@ -1,0 +1,150 @@
+#include "Platform/alsa/AlsaOutput.h"
+
+#include "Platform/alsa/PacedSender.h"
+#include "Platform/alsa/SequencerEvent.h"
+
+#include <array>
+#include <cerrno>
+#include <fcntl.h>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <unistd.h>
+
+namespace tessary {
+
+namespace {
+
+constexpr MIDIObjectRef clientRef = 1;
+constexpr MIDIObjectRef sourceRef = 2;
+
+/// Fixed, because saved connections name it.
+constexpr int portNumber = 0;
+
+constexpr unsigned portCapabilities = SND_SEQ_PORT_CAP_READ | SND_SEQ_PORT_CAP_SUBS_READ;
+constexpr unsigned portType =
+    SND_SEQ_PORT_TYPE_MIDI_GENERIC | SND_SEQ_PORT_TYPE_SOFTWARE | SND_SEQ_PORT_TYPE_PORT;
+
+void ignoreMessage(const char*, int, const char*, int, const char*, ...) {}
+
+} // namespace
+
+class AlsaOutput::Client {
+  public:
+    Client() = default;
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+    ~Client() {
+        sender_.reset();
+        if (sequencer_) snd_seq_close(sequencer_);
+    }
+
+    MIDIStatus open(std::string_view name);
+    MIDIStatus openPort(std::string_view name);
+    void closePort();
+
+    void publish(std::uint64_t hostTime, std::span<const std::uint8_t> message) {
+        if (sender_) sender_->publish(hostTime, message);
+    }
+
+  private:
+    int send(std::uint64_t hostTime, std::span<const std::uint8_t> bytes);
+
+    snd_seq_t* sequencer_ = nullptr;
+    std::optional<PacedSender> sender_; ///< exactly while there is a port
+};
+
+MIDIStatus AlsaOutput::Client::open(std::string_view name) {
+    // The library would write its opinion of a machine without a sequencer to the terminal.
+    snd_lib_error_set_handler(ignoreMessage);
+    const int status = snd_seq_open(&sequencer_, "default", SND_SEQ_OPEN_OUTPUT, SND_SEQ_NONBLOCK);
+    snd_config_update_free_global(); // the configuration has served its purpose, and is large
+    if (status < 0) return status;
+    // The library's and the kernel's buffers for sending are made with the first event. This one goes
+    // nowhere, for there is no port yet that it could come from.
+    constexpr std::array<std::uint8_t, PacedSender::pieceSize> piece{0xF0};
+    send(0, piece);
+    return snd_seq_set_client_name(sequencer_, std::string(name).c_str());
+}
+
+MIDIStatus AlsaOutput::Client::openPort(std::string_view name) {
+    if (sender_) return -EBUSY;
+    try {
+        sender_.emplace([this](std::uint64_t hostTime, std::span<const std::uint8_t> bytes) {
+            // A subscriber's full queue shows as an error here. The others have got the event: it is never
+            // sent again.
+            send(hostTime, bytes);
+        });
+    } catch (const std::system_error&) {
+        return -EAGAIN;
+    }
+    snd_seq_port_info_t* port = nullptr;
+    snd_seq_port_info_alloca(&port);
+    snd_seq_port_info_set_port(port, portNumber);
+    snd_seq_port_info_set_port_specified(port, 1);
+    snd_seq_port_info_set_name(port, std::string(name).c_str());
+    snd_seq_port_info_set_capability(port, portCapabilities);
+    snd_seq_port_info_set_type(port, portType);
+    snd_seq_port_info_set_midi_channels(port, 16);
+    const int status = snd_seq_create_port(sequencer_, port);
+    if (status < 0) sender_.reset();
+    return status;
+}
+
+void AlsaOutput::Client::closePort() {
+    if (!sender_) return;
+    sender_.reset();
+    snd_seq_delete_port(sequencer_, portNumber);
+}
+
+int AlsaOutput::Client::send(std::uint64_t hostTime, std::span<const std::uint8_t> bytes) {
+    auto event = sequencerEvent(portNumber, hostTime, bytes);
+    return event ? snd_seq_event_output_direct(sequencer_, &*event) : 0;
+}
+
+AlsaOutput::AlsaOutput() = default;
+AlsaOutput::~AlsaOutput() = default;
+
+bool AlsaOutput::isAvailable() {
+    const int file = open("/dev/snd/seq", O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    if (file >= 0) close(file);
+    return file >= 0;
+}
+
+MIDIStatus AlsaOutput::createClient(std::string_view name, MIDIObjectRef& client) {
+    client = 0;
+    if (client_) return -EBUSY;
+    client_ = std::make_unique<Client>();
+    const MIDIStatus status = client_->open(name);
+    if (status == 0)
+        client = clientRef;
+    else
+        client_.reset();
+    return status;
+}
+
+MIDIStatus AlsaOutput::createSource(MIDIObjectRef client, std::string_view name, std::int32_t protocol,
+                                    MIDIObjectRef& source) {
+    source = 0;
+    if (client != clientRef || protocol != midiProtocol1_0 || !client_) return -EINVAL;
+    const MIDIStatus status = client_->openPort(name);
+    if (status == 0) source = sourceRef;
+    return status;
+}
+
+void AlsaOutput::setUniqueID(MIDIObjectRef, std::int32_t) {}
+
+void AlsaOutput::disposeSource(MIDIObjectRef source) {
+    if (source == sourceRef && client_) client_->closePort();
+}
+
+void AlsaOutput::disposeClient(MIDIObjectRef client) {
+    if (client == clientRef) client_.reset();
+}
+
+void AlsaOutput::publish(MIDIObjectRef source, std::uint64_t hostTime,
+                         std::span<const std::uint8_t> message) {
+    if (source == sourceRef && client_) client_->publish(hostTime, message);
+}
+
+} // namespace tessary

@@ -1,0 +1,18 @@
+// Draws an image value with Qt.
+#pragma once
+
+#include "Models/Image.h"
+
+class QColor;
+class QPainter;
+class QRectF;
+
+namespace tessary {
+
+/// Draws `image` as large as it fits into the middle of `target`, in one colour, leaving the rest as it is.
+///
+/// @param target  in the painter's coordinates, whose y grows downward
+/// Runs on: any thread.
+void paint(const Image& image, QPainter& painter, const QRectF& target, const QColor& color);
+
+} // namespace tessary

@@ -1,0 +1,152 @@
+#include "Platform/qt/QtMenu.h"
+
+#include <QAction>
+#include <QCursor>
+#include <QFontDatabase>
+#include <QGuiApplication>
+#include <QTimer>
+#include <algorithm>
+#include <utility>
+
+namespace tessary {
+
+namespace {
+
+/// One line of text: what would end it or split it into columns becomes a space.
+QString onOneLine(const std::string& utf8) {
+    QString text = QString::fromStdString(utf8);
+    for (QChar& character : text)
+        if (character.category() == QChar::Other_Control || character == QChar::LineSeparator ||
+            character == QChar::ParagraphSeparator)
+            character = QLatin1Char(' ');
+    return text;
+}
+
+QString written(const std::string& title, MenuView::Writing writing) {
+    QString text = onOneLine(title);
+    if (writing == MenuView::Writing::widget) return text.replace(QLatin1Char('&'), QLatin1String("&&"));
+    text.replace(QLatin1Char('_'), QLatin1String("__"));
+    // Qt sends the first `&` as `_`, which marks the character behind it; unless nothing is behind it.
+    const qsizetype first = text.indexOf(QLatin1Char('&'));
+    if (first >= 0 && first != text.size() - 1) text.insert(first, QLatin1Char('&'));
+    return text;
+}
+
+QFont fontOf(const TextStyle& style) {
+    QFont font = style.isMonospaced ? QFontDatabase::systemFont(QFontDatabase::FixedFont) : QFont();
+    font.setPointSizeF(style.points);
+    return font;
+}
+
+} // namespace
+
+MenuView::MenuView(Writing writing, std::function<void(const std::string&)> chosen)
+    : writing_(writing)
+    , chosen_(std::move(chosen)) {}
+
+bool MenuView::matches(const Row& row, const MenuItem& item) {
+    return row.line->isSeparator() == item.isSeparator && row.action == item.action;
+}
+
+void MenuView::show(const std::vector<MenuItem>& items) {
+    // What both have in common at the beginning and at the end stays; only rows between are added or removed.
+    const auto [row, item] = std::ranges::mismatch(rows_, items, matches);
+    const auto head = static_cast<std::size_t>(row - rows_.begin());
+    std::size_t tail = 0;
+    while (tail < std::min(rows_.size(), items.size()) - head &&
+           matches(rows_[rows_.size() - 1 - tail], items[items.size() - 1 - tail]))
+        ++tail;
+
+    while (rows_.size() > head + tail) {
+        const auto last = rows_.end() - static_cast<std::ptrdiff_t>(tail) - 1;
+        delete last->line; // which takes it out of the menu
+        rows_.erase(last);
+    }
+    QAction* before = tail > 0 ? rows_[head].line : nullptr;
+    for (std::size_t i = head; i < items.size() - tail; ++i)
+        rows_.insert(rows_.begin() + static_cast<std::ptrdiff_t>(i), makeRow(items[i], before));
+    for (std::size_t i = 0; i < items.size(); ++i)
+        if (!items[i].isSeparator) update(*rows_[i].line, items[i]);
+}
+
+MenuView::Row MenuView::makeRow(const MenuItem& item, QAction* before) {
+    auto* line = new QAction(&menu_);
+    line->setSeparator(item.isSeparator);
+    if (!item.isSeparator) update(*line, item);
+    if (!item.action.empty())
+        QObject::connect(line, &QAction::triggered, &menu_, [this, name = item.action] { chosen_(name); });
+    menu_.insertAction(before, line);
+    return {line, item.action};
+}
+
+void MenuView::update(QAction& line, const MenuItem& item) const {
+    // Each of these tells the panel only of a real change. A line that was chosen has flipped its checkmark
+    // by itself, so the mark is compared with what the line shows, not with what it was given.
+    line.setText(written(item.title, writing_));
+    line.setEnabled(item.isEnabled);
+    line.setCheckable(item.isOn.has_value());
+    line.setChecked(item.isOn.value_or(false));
+    line.setShortcut(item.keyEquivalent.empty() ? QKeySequence()
+                                                : QKeySequence(QStringLiteral("Ctrl+") +
+                                                               QString::fromStdString(item.keyEquivalent)));
+    // A line that is disabled is drawn in the secondary colour anyway. Over D-Bus there are no fonts.
+    if (item.style && writing_ == Writing::widget) line.setFont(fontOf(*item.style));
+}
+
+void QtMenu::setItems(std::vector<MenuItem> items) {
+    items_ = std::move(items);
+    for (auto* view : {hosted_.get(), widget_.get()})
+        if (view) view->show(items_);
+}
+
+void QtMenu::contentDidChange() {
+    if (std::exchange(isUpdatePending_, true)) return;
+    QTimer::singleShot(0, &context_, [this] {
+        isUpdatePending_ = false;
+        if (!isOpen_) needsUpdate();
+    });
+}
+
+void QtMenu::needsUpdate() {
+    if (const auto delegate = delegate_.lock()) delegate->menuNeedsUpdate(*this);
+}
+
+std::unique_ptr<MenuView> QtMenu::makeView(MenuView::Writing writing) {
+    auto view = std::make_unique<MenuView>(writing, [this](const std::string& action) { choose(action); });
+    QObject::connect(&view->menu(), &QMenu::aboutToShow, &context_, [this] { willOpen(); });
+    QObject::connect(&view->menu(), &QMenu::aboutToHide, &context_, [this] { didClose(); });
+    view->show(items_);
+    return view;
+}
+
+QMenu& QtMenu::makeHostedMenu(MenuView::Writing writing) {
+    auto& place = writing == MenuView::Writing::widget ? widget_ : hosted_;
+    place = makeView(writing);
+    return place->menu();
+}
+
+void QtMenu::popUp() {
+    if (QGuiApplication::platformName() != QLatin1String("xcb")) return;
+    if (!widget_) widget_ = makeView(MenuView::Writing::widget);
+    widget_->menu().popup(QCursor::pos());
+}
+
+void QtMenu::willOpen() {
+    needsUpdate(); // also where a panel has never told that the menu was closed
+    isOpen_ = true;
+}
+
+void QtMenu::didClose() {
+    isOpen_ = false;
+    contentDidChange();
+}
+
+void QtMenu::choose(const std::string& action) {
+    const auto item = std::ranges::find(items_, action, &MenuItem::action);
+    if (item == items_.end()) return;
+    const auto choose = item->choose; // may replace the items
+    didClose();                       // and the checkmark may have to flip back
+    choose();
+}
+
+} // namespace tessary

@@ -1,0 +1,77 @@
+#include "Platform/qt/QtStatusBar.h"
+
+#include "Platform/qt/QtMenu.h"
+#include "Platform/qt/TemplateIcon.h"
+#include "Platform/qt/TrayHost.h"
+
+#include <QCoreApplication>
+#include <QIcon>
+#include <QSystemTrayIcon>
+#include <optional>
+
+namespace tessary {
+
+/// Keeps what was asked for, and makes the tray's object of it once there is a panel.
+class QtStatusItem : public StatusItem {
+  public:
+    // The tray knows neither a freely wide item nor one that its user takes away.
+    void setBehavior(StatusItemBehavior) override {}
+
+    void setAutosaveName(const std::string& name) override {
+        QCoreApplication::setApplicationName(QString::fromStdString(name)); // is the item's Id
+    }
+    void setImage(const Image& image) override {
+        icon_ = templateIcon(image, installedSymbolicIcon(QStringLiteral("tessary-link-symbolic")));
+        accessibleName_ = QString::fromStdString(image.accessibilityDescription);
+    }
+    bool isVisible() const override { return isVisible_; }
+    void setVisible(bool isVisible) override {
+        isVisible_ = isVisible;
+        if (tray_)
+            tray_->setVisible(isVisible);
+        else if (isVisible && !host_)
+            host_ = std::make_unique<TrayHost>([this](TrayProtocol protocol) { appear(protocol); });
+    }
+    void setMenu(std::shared_ptr<Menu> menu) override { menu_ = std::static_pointer_cast<QtMenu>(menu); }
+
+  private:
+    void appear(TrayProtocol protocol) {
+        const bool isWidget = protocol == TrayProtocol::xembed;
+        tray_ = std::make_unique<QSystemTrayIcon>(icon_);
+        tray_->setToolTip(accessibleName_);
+        if (menu_) {
+            tray_->setContextMenu(
+                &menu_->makeHostedMenu(isWidget ? MenuView::Writing::widget : MenuView::Writing::dbusmenu));
+            QObject::connect(tray_.get(), &QSystemTrayIcon::activated, tray_.get(), [this](auto reason) {
+                if (reason != QSystemTrayIcon::Context) menu_->popUp();
+            });
+        }
+        tray_->setVisible(isVisible_);
+    }
+
+    QIcon icon_;
+    QString accessibleName_;
+    bool isVisible_ = false;
+    std::shared_ptr<QtMenu> menu_;
+    std::unique_ptr<TrayHost> host_;
+    std::unique_ptr<QSystemTrayIcon> tray_;
+};
+
+QtStatusBar::QtStatusBar() = default;
+QtStatusBar::~QtStatusBar() = default;
+
+std::shared_ptr<StatusItem> QtStatusBar::makeStatusItem(StatusItemLength) {
+    return std::make_shared<QtStatusItem>();
+}
+
+std::shared_ptr<Menu> QtStatusBar::makeMenu() {
+    auto menu = std::make_shared<QtMenu>();
+    menu_ = menu;
+    return menu;
+}
+
+void QtStatusBar::menuContentDidChange() {
+    if (const auto menu = menu_.lock()) menu->contentDidChange();
+}
+
+} // namespace tessary

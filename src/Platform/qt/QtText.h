@@ -1,0 +1,13 @@
+// Knowledge of Unicode, from Qt.
+#pragma once
+
+#include "Platform/Text.h"
+
+namespace tessary {
+
+class QtText : public Text {
+  public:
+    std::u32string collationKey(std::string_view utf8) const override;
+};
+
+} // namespace tessary

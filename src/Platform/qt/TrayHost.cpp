@@ -1,0 +1,141 @@
+#include "Platform/qt/TrayHost.h"
+
+#include <QAbstractNativeEventFilter>
+#include <QDBusMessage>
+#include <QDBusPendingCallWatcher>
+#include <QDBusPendingReply>
+#include <QGuiApplication>
+#include <QTimer>
+#include <chrono>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+#include <xcb/xcb.h>
+
+namespace tessary {
+
+namespace {
+
+const QString watcherService = QStringLiteral("org.kde.StatusNotifierWatcher");
+const QString watcherPath = QStringLiteral("/StatusNotifierWatcher");
+
+/// Desktops have started their panels by then.
+constexpr std::chrono::seconds patience{10};
+
+xcb_connection_t* displayConnection() {
+    const auto* x11 = qGuiApp->nativeInterface<QNativeInterface::QX11Application>();
+    return x11 ? x11->connection() : nullptr;
+}
+
+xcb_atom_t atom(xcb_connection_t* connection, const std::string& name) {
+    const auto cookie =
+        xcb_intern_atom(connection, false, static_cast<std::uint16_t>(name.size()), name.data());
+    auto* reply = xcb_intern_atom_reply(connection, cookie, nullptr);
+    const xcb_atom_t result = reply ? reply->atom : xcb_atom_t{XCB_ATOM_NONE};
+    std::free(reply);
+    return result;
+}
+
+/// The selection that the XEmbed panel of our screen owns.
+xcb_atom_t traySelection(xcb_connection_t* connection) {
+    char* host = nullptr;
+    int display = 0;
+    int screen = 0;
+    if (xcb_parse_display(nullptr, &host, &display, &screen) != 0) std::free(host);
+    return atom(connection, "_NET_SYSTEM_TRAY_S" + std::to_string(screen));
+}
+
+bool hasOwner(xcb_connection_t* connection, xcb_atom_t selection) {
+    auto* reply =
+        xcb_get_selection_owner_reply(connection, xcb_get_selection_owner(connection, selection), nullptr);
+    const bool result = reply && reply->owner != XCB_WINDOW_NONE;
+    std::free(reply);
+    return result;
+}
+
+} // namespace
+
+/// Hears of the XEmbed panel that starts: it announces itself to the root window (Inter-Client Communication
+/// Conventions Manual, section 2.8).
+class TrayHost::ManagerFilter : public QAbstractNativeEventFilter {
+  public:
+    ManagerFilter(xcb_connection_t* connection, std::function<void()> announced)
+        : announced_(std::move(announced))
+        , manager_(atom(connection, "MANAGER"))
+        , selection_(traySelection(connection)) {
+        qApp->installNativeEventFilter(this);
+    }
+    xcb_atom_t selection() const { return selection_; }
+
+    bool nativeEventFilter(const QByteArray& eventType, void* message, qintptr*) override {
+        if (eventType != "xcb_generic_event_t") return false;
+        const auto* event = static_cast<const xcb_generic_event_t*>(message);
+        if ((event->response_type & 0x7f) != XCB_CLIENT_MESSAGE) return false;
+        const auto* client = reinterpret_cast<const xcb_client_message_event_t*>(event);
+        if (client->type == manager_ && client->data.data32[1] == selection_) announced_();
+        return false;
+    }
+
+  private:
+    const std::function<void()> announced_;
+    const xcb_atom_t manager_;
+    const xcb_atom_t selection_;
+};
+
+TrayHost::TrayHost(std::function<void(TrayProtocol)> found)
+    : found_(std::move(found))
+    , bus_(QDBusConnection::sessionBus()) {
+    const bool hasBus = bus_.isConnected();
+    if (hasBus) {
+        watcher_.setConnection(bus_);
+        watcher_.addWatchedService(watcherService);
+        watcher_.setWatchMode(QDBusServiceWatcher::WatchForRegistration);
+        connect(&watcher_, &QDBusServiceWatcher::serviceRegistered, this,
+                &TrayHost::askForStatusNotifierHost);
+        bus_.connect(watcherService, watcherPath, watcherService,
+                     QStringLiteral("StatusNotifierHostRegistered"), this, SLOT(askForStatusNotifierHost()));
+        askForStatusNotifierHost();
+    }
+    if (displayConnection())
+        QTimer::singleShot(hasBus ? patience : std::chrono::seconds(0), this, &TrayHost::watchXEmbedPanels);
+}
+
+TrayHost::~TrayHost() = default;
+
+void TrayHost::askForStatusNotifierHost() {
+    if (isSettled_) return;
+    auto call = QDBusMessage::createMethodCall(watcherService, watcherPath,
+                                               QStringLiteral("org.freedesktop.DBus.Properties"),
+                                               QStringLiteral("Get"));
+    call << watcherService << QStringLiteral("IsStatusNotifierHostRegistered");
+    call.setAutoStartService(false);
+    auto* pending = new QDBusPendingCallWatcher(bus_.asyncCall(call), this);
+    connect(pending, &QDBusPendingCallWatcher::finished, this, [this, pending] {
+        const QDBusPendingReply<QVariant> reply = *pending;
+        pending->deleteLater();
+        if (reply.isValid() && reply.value().toBool()) settle(TrayProtocol::statusNotifierItem);
+    });
+}
+
+void TrayHost::watchXEmbedPanels() {
+    if (isSettled_) return;
+    managers_ = std::make_unique<ManagerFilter>(displayConnection(), [this] {
+        QTimer::singleShot(0, this, &TrayHost::askForXEmbedPanel); // not inside the event's delivery
+    });
+    askForXEmbedPanel();
+}
+
+void TrayHost::askForXEmbedPanel() {
+    if (!isSettled_ && hasOwner(displayConnection(), managers_->selection())) settle(TrayProtocol::xembed);
+}
+
+void TrayHost::settle(TrayProtocol protocol) {
+    if (std::exchange(isSettled_, true)) return;
+    managers_.reset();
+    bus_.disconnect(watcherService, watcherPath, watcherService,
+                    QStringLiteral("StatusNotifierHostRegistered"), this, SLOT(askForStatusNotifierHost()));
+    watcher_.setWatchedServices({});
+    found_(protocol);
+}
+
+} // namespace tessary

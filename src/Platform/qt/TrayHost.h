@@ -1,0 +1,45 @@
+// Waits for a panel that shows status items.
+#pragma once
+
+#include <QDBusConnection>
+#include <QDBusServiceWatcher>
+#include <QObject>
+#include <functional>
+#include <memory>
+
+namespace tessary {
+
+/// How a panel and the program talk: Qt decides it once per process, so it must not decide too early.
+enum class TrayProtocol {
+    statusNotifierItem, ///< over the session bus (StatusNotifierItem, com.canonical.dbusmenu)
+    xembed,             ///< as a window inside the panel's (System Tray Protocol)
+};
+
+/// Tells when there is a panel, once. A StatusNotifier host counts as soon as it is registered on the session
+/// bus; a panel that knows XEmbed alone only after ten seconds, because at login both kinds of panel take
+/// their time, and the better one may be the later one.
+///
+/// Runs on: the main thread.
+class TrayHost : public QObject {
+    Q_OBJECT
+
+  public:
+    explicit TrayHost(std::function<void(TrayProtocol)> found);
+    ~TrayHost() override;
+
+  private:
+    class ManagerFilter;
+
+    Q_SLOT void askForStatusNotifierHost();
+    void askForXEmbedPanel();
+    void watchXEmbedPanels();
+    void settle(TrayProtocol protocol);
+
+    const std::function<void(TrayProtocol)> found_;
+    bool isSettled_ = false;
+    QDBusConnection bus_;
+    QDBusServiceWatcher watcher_;
+    std::unique_ptr<ManagerFilter> managers_; ///< there once XEmbed will do
+};
+
+} // namespace tessary
