@@ -1,5 +1,7 @@
 #include "Platform/qt/TrayHost.h"
 
+#include "Platform/posix/Thread.h"
+
 #include <QAbstractNativeEventFilter>
 #include <QDBusMessage>
 #include <QDBusPendingCallWatcher>
@@ -8,8 +10,10 @@
 #include <QTimer>
 #include <chrono>
 #include <cstdlib>
+#include <mutex>
 #include <string>
-#include <string_view>
+#include <unistd.h>
+#include <utility>
 #include <xcb/xcb.h>
 
 namespace tessary {
@@ -82,25 +86,47 @@ class TrayHost::ManagerFilter : public QAbstractNativeEventFilter {
     const xcb_atom_t selection_;
 };
 
+/// What the thread that connects to the session bus shares with us.
+struct TrayHost::Connecting {
+    std::mutex mutex;
+    TrayHost* host; ///< null once it has gone
+    bool isDone = false;
+};
+
 TrayHost::TrayHost(std::function<void(TrayProtocol)> found)
     : found_(std::move(found))
-    , bus_(QDBusConnection::sessionBus()) {
-    const bool hasBus = bus_.isConnected();
-    if (hasBus) {
-        watcher_.setConnection(bus_);
-        watcher_.addWatchedService(watcherService);
-        watcher_.setWatchMode(QDBusServiceWatcher::WatchForRegistration);
-        connect(&watcher_, &QDBusServiceWatcher::serviceRegistered, this,
-                &TrayHost::askForStatusNotifierHost);
-        bus_.connect(watcherService, watcherPath, watcherService,
-                     QStringLiteral("StatusNotifierHostRegistered"), this, SLOT(askForStatusNotifierHost()));
-        askForStatusNotifierHost();
-    }
-    if (displayConnection())
-        QTimer::singleShot(hasBus ? patience : std::chrono::seconds(0), this, &TrayHost::watchXEmbedPanels);
+    , connecting_(std::make_shared<Connecting>()) {
+    connecting_->host = this;
+    startThread("tessary-bus", [connecting = connecting_] {
+        const QDBusConnection bus = QDBusConnection::sessionBus();
+        const std::lock_guard lock(connecting->mutex);
+        connecting->isDone = true;
+        if (TrayHost* host = connecting->host)
+            QMetaObject::invokeMethod(
+                host, [host, bus] { host->busIsConnected(bus); }, Qt::QueuedConnection);
+    }).detach();
+    QTimer::singleShot(patience, this, &TrayHost::watchXEmbedPanels);
 }
 
-TrayHost::~TrayHost() = default;
+TrayHost::~TrayHost() {
+    const std::lock_guard lock(connecting_->mutex);
+    connecting_->host = nullptr;
+    // At its end the process would wait for the bus to answer.
+    if (!connecting_->isDone) on_exit([](int status, void*) { _exit(status); }, nullptr);
+}
+
+void TrayHost::busIsConnected(const QDBusConnection& bus) {
+    if (isSettled_) return;
+    if (!bus.isConnected()) return watchXEmbedPanels(); // nothing better will come
+    bus_ = bus;
+    watcher_.setConnection(bus);
+    watcher_.addWatchedService(watcherService);
+    watcher_.setWatchMode(QDBusServiceWatcher::WatchForRegistration);
+    connect(&watcher_, &QDBusServiceWatcher::serviceRegistered, this, &TrayHost::askForStatusNotifierHost);
+    bus_->connect(watcherService, watcherPath, watcherService, QStringLiteral("StatusNotifierHostRegistered"),
+                  this, SLOT(askForStatusNotifierHost()));
+    askForStatusNotifierHost();
+}
 
 void TrayHost::askForStatusNotifierHost() {
     if (isSettled_) return;
@@ -109,7 +135,7 @@ void TrayHost::askForStatusNotifierHost() {
                                                QStringLiteral("Get"));
     call << watcherService << QStringLiteral("IsStatusNotifierHostRegistered");
     call.setAutoStartService(false);
-    auto* pending = new QDBusPendingCallWatcher(bus_.asyncCall(call), this);
+    auto* pending = new QDBusPendingCallWatcher(bus_->asyncCall(call), this);
     connect(pending, &QDBusPendingCallWatcher::finished, this, [this, pending] {
         const QDBusPendingReply<QVariant> reply = *pending;
         pending->deleteLater();
@@ -118,7 +144,7 @@ void TrayHost::askForStatusNotifierHost() {
 }
 
 void TrayHost::watchXEmbedPanels() {
-    if (isSettled_) return;
+    if (isSettled_ || managers_ || !displayConnection()) return;
     managers_ = std::make_unique<ManagerFilter>(displayConnection(), [this] {
         QTimer::singleShot(0, this, &TrayHost::askForXEmbedPanel); // not inside the event's delivery
     });
@@ -132,8 +158,10 @@ void TrayHost::askForXEmbedPanel() {
 void TrayHost::settle(TrayProtocol protocol) {
     if (std::exchange(isSettled_, true)) return;
     managers_.reset();
-    bus_.disconnect(watcherService, watcherPath, watcherService,
-                    QStringLiteral("StatusNotifierHostRegistered"), this, SLOT(askForStatusNotifierHost()));
+    if (bus_)
+        bus_->disconnect(watcherService, watcherPath, watcherService,
+                         QStringLiteral("StatusNotifierHostRegistered"), this,
+                         SLOT(askForStatusNotifierHost()));
     watcher_.setWatchedServices({});
     found_(protocol);
 }

@@ -6,6 +6,7 @@
 #include <QObject>
 #include <functional>
 #include <memory>
+#include <optional>
 
 namespace tessary {
 
@@ -19,7 +20,7 @@ enum class TrayProtocol {
 /// bus; a panel that knows XEmbed alone only after ten seconds, because at login both kinds of panel take
 /// their time, and the better one may be the later one.
 ///
-/// Runs on: the main thread.
+/// Runs on: the main thread. A session bus that does not answer holds up a thread of its own and nobody else.
 class TrayHost : public QObject {
     Q_OBJECT
 
@@ -29,6 +30,9 @@ class TrayHost : public QObject {
 
   private:
     class ManagerFilter;
+    struct Connecting;
+
+    void busIsConnected(const QDBusConnection& bus);
 
     Q_SLOT void askForStatusNotifierHost();
     void askForXEmbedPanel();
@@ -37,7 +41,8 @@ class TrayHost : public QObject {
 
     const std::function<void(TrayProtocol)> found_;
     bool isSettled_ = false;
-    QDBusConnection bus_;
+    const std::shared_ptr<Connecting> connecting_;
+    std::optional<QDBusConnection> bus_; ///< absent without a bus, and before it has answered
     QDBusServiceWatcher watcher_;
     std::unique_ptr<ManagerFilter> managers_; ///< there once XEmbed will do
 };
