@@ -1,0 +1,154 @@
+#!/usr/bin/env python3
+"""A small virtual machine, for what the machine at hand has no hardware or kernel modules for: Debian's own kernel, under
+qemu's emulator, with the files of this machine.
+
+    vm.py COMMAND [ARGUMENT]...     runs a command in it, as root, in the present directory; ends as the command does
+
+The guest sees this machine's root with a layer of memory above it: it may write anywhere, and nothing of that arrives
+here. It has no network but what it makes itself. /run and /dev/shm are empty at the start.
+"""
+import os
+import pathlib
+import shlex
+import shutil
+import subprocess
+import sys
+import tempfile
+
+# Memory that pages are only taken of as the guest touches them.
+MEGABYTES = 1024
+# What the root file system and the way back to us need; everything else is loaded from there.
+MODULES = ("virtio_pci", "virtio_console", "9pnet_virtio", "9p", "overlay")
+TOOLS = ("qemu-system-x86_64", "busybox", "setpriv")
+
+# The first process, from the boot archive.
+INIT = """#!/bin/busybox sh
+export PATH=/bin
+busybox mkdir -p /proc /sys /dev /host /memory /root
+busybox mount -t devtmpfs none /dev
+busybox mount -t proc none /proc
+busybox mount -t sysfs none /sys
+for module in {modules}; do busybox insmod /$module || echo "no module $module"; done
+busybox mount -t 9p -o trans=virtio,version=9p2000.L,msize=512000,cache=loose,ro host /host
+busybox mount -t tmpfs none /memory
+busybox mkdir /memory/upper /memory/work
+busybox mount -t overlay -o lowerdir=/host,upperdir=/memory/upper,workdir=/memory/work none /root
+for directory in dev proc sys; do busybox mount -o move /$directory /root/$directory; done
+busybox mkdir -p /root/dev/shm /root/dev/pts
+for directory in run dev/shm; do busybox mount -t tmpfs none /root/$directory; done
+busybox mount -t devpts none /root/dev/pts
+busybox cp /start /root/run/start
+exec busybox switch_root /root /bin/sh /run/start
+"""
+
+# The first process from then on. The port of the status is opened by name, whatever order they come in.
+START = """
+export {environment}
+for port in /sys/class/virtio-ports/*; do
+    device=/dev/${{port##*/}}
+    case $(cat "$port/name") in output) output=$device ;; status) status=$device ;; esac
+done
+ip link set lo up
+cd {directory} && {command} >"$output" 2>&1 </dev/null
+echo $? >"$status"
+sync
+busybox poweroff -f
+"""
+
+
+class Unavailable(Exception):
+    """This machine lacks what a virtual machine takes."""
+
+
+def _kernel():
+    """The newest of Debian's kernels here, and the folder of its modules."""
+    def version(path):
+        return [int(part) if part.isdigit() else part for part in path.name.replace("-", ".").split(".")]
+    for image in sorted(pathlib.Path("/boot").glob("vmlinuz-*-amd64"), key=version, reverse=True):
+        modules = pathlib.Path("/lib/modules", image.name.removeprefix("vmlinuz-"))
+        if (modules / "modules.dep").exists():
+            return image, modules
+    raise Unavailable("no kernel (package linux-image-amd64)")
+
+
+def _module_files(modules, names):
+    """The files of those modules and of all that they need, in the order in which they can be loaded."""
+    needs = {}
+    for line in (modules / "modules.dep").read_text().splitlines():
+        file, _, others = line.partition(":")
+        needs[file] = others.split()
+    by_name = {pathlib.Path(file).name.split(".")[0].replace("-", "_"): file for file in needs}
+    files = []
+    for name in names:
+        file = by_name.get(name.replace("-", "_"))
+        if file:  # else it is part of the kernel itself
+            files += [need for need in [*reversed(needs[file]), file] if need not in files]
+    return [modules / file for file in files]
+
+
+def _archive(files):
+    """A boot archive (cpio, format newc) of {path: (mode, contents)}."""
+    archive = b""
+    for number, (path, (mode, contents)) in enumerate([*files.items(), ("TRAILER!!!", (0, b""))], 1):
+        name = path.encode() + b"\0"
+        fields = (number, mode, 0, 0, 1, 0, len(contents), 0, 0, 0, 0, len(name), 0)
+        archive += b"070701" + b"".join(b"%08x" % field for field in fields) + name
+        archive += bytes(-len(archive) % 4) + contents
+        archive += bytes(-len(archive) % 4)
+    return archive
+
+
+def run(command, timeout, environment=None, directory=None, output=None):
+    """Boots, runs the command, and answers its exit status.
+
+    Its output goes to the file object `output` (default: our standard output) while it runs. Raises `Unavailable`
+    where there can be no such machine, and AssertionError, with what the kernel said, if the machine is not through
+    after `timeout` seconds or ends without a status.
+    """
+    if missing := [tool for tool in TOOLS if not shutil.which(tool)]:
+        raise Unavailable("missing: " + ", ".join(missing))
+    kernel, modules = _kernel()
+    module_files = _module_files(modules, MODULES)
+    variables = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/root", "LC_ALL": "C.UTF-8", **(environment or {})}
+    start = START.format(command=shlex.join(map(str, command)), directory=shlex.quote(str(directory or os.getcwd())),
+                         environment=" ".join(f"{key}={shlex.quote(value)}" for key, value in variables.items()))
+    executable, plain, folder = 0o100755, 0o100644, 0o040755
+    files = {"bin": (folder, b""), "bin/busybox": (executable, pathlib.Path(shutil.which("busybox")).read_bytes()),
+             "init": (executable, INIT.format(modules=" ".join(file.name for file in module_files)).encode()),
+             "start": (plain, start.encode())}
+    files |= {file.name: (plain, file.read_bytes()) for file in module_files}
+
+    with tempfile.TemporaryDirectory(prefix="tessary-vm-") as temporary:
+        here = pathlib.Path(temporary)
+        (here / "initrd").write_bytes(_archive(files))
+        qemu = ["qemu-system-x86_64", "-accel", "tcg,thread=multi", "-machine", "pc", "-cpu", "Nehalem", "-smp", "2",
+                "-m", str(MEGABYTES), "-nodefaults", "-no-user-config", "-display", "none", "-no-reboot",
+                "-kernel", kernel, "-initrd", here / "initrd",
+                "-append", "console=ttyS0 loglevel=4 panic=-1 mitigations=off nokaslr rdinit=/init",
+                "-serial", f"file:{here / 'console'}",
+                "-virtfs", "local,path=/,mount_tag=host,security_model=none,readonly=on,multidevs=remap",
+                "-device", "virtio-serial",
+                "-chardev", "stdio,id=output,signal=off", "-device", "virtserialport,chardev=output,name=output",
+                "-chardev", f"file,id=status,path={here / 'status'}",
+                "-device", "virtserialport,chardev=status,name=status"]
+        machine = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", *map(str, qemu)], stdin=subprocess.PIPE,
+                                   stdout=output or sys.stdout)
+        ended = "ended"
+        try:
+            machine.wait(timeout)
+        except subprocess.TimeoutExpired:
+            ended = f"was not through after {timeout} s"
+        finally:
+            machine.kill()
+            machine.wait()
+        status = (here / "status").read_text().strip() if (here / "status").exists() else ""
+        if status:
+            return int(status)
+        said = (here / "console").read_text(errors="replace") if (here / "console").exists() else ""
+        raise AssertionError(f"the virtual machine {ended} without a status; its kernel said:\n{said[-4000:]}")
+
+
+if __name__ == "__main__":
+    if len(sys.argv) < 2:
+        sys.exit(__doc__)
+    sys.exit(run(sys.argv[1:], timeout=3600))
