@@ -1,9 +1,7 @@
 #include "Platform/jack/JackOutput.h"
 
+#include "Platform/jack/JackLibrary.h"
 #include "Platform/jack/MIDIRing.h"
-
-#include <jack/jack.h>
-#include <jack/midiport.h>
 
 #include <atomic>
 #include <cerrno>
@@ -57,9 +55,9 @@ class ClockOffset {
     /// the last one that did, plus what the clocks may have drifted by since.
     ///
     /// Runs on: JACK's real-time thread. Allocates: never.
-    std::int64_t update() {
+    std::int64_t update(const JackLibrary& library) {
         const std::int64_t before = monotonicMicroseconds();
-        const auto jack = static_cast<std::int64_t>(jack_get_time());
+        const auto jack = static_cast<std::int64_t>(library.get_time());
         const std::int64_t duration = monotonicMicroseconds() - before;
         if (duration <= uncertainty_) {
             uncertainty_ = duration;
@@ -122,7 +120,8 @@ class JackOutput::Link {
     void play(jack_nframes_t frames);
 
     std::string clientName_;
-    jack_client_t* client_ = nullptr; ///< written only while JACK does not call `process`
+    const JackLibrary* jack_ = nullptr; ///< set before there is a client; null without the library
+    jack_client_t* client_ = nullptr;   ///< written only while JACK does not call `process`
     std::atomic<jack_port_t*> port_{nullptr};
     ClockOffset clockOffset_;
 
@@ -156,8 +155,11 @@ void JackOutput::Link::abandon() {
 }
 
 void JackOutput::Link::run() {
-    jack_set_error_function(ignoreMessage);
-    jack_set_info_function(ignoreMessage);
+    jack_ = JackLibrary::load();
+    if (jack_) {
+        jack_->set_error_function(ignoreMessage);
+        jack_->set_info_function(ignoreMessage);
+    }
     const jack_status_t status = openClient();
     Lock lock(mutex_);
     const bool isLate = clientStatus_.has_value(); // the launch has gone on without us
@@ -215,11 +217,12 @@ void JackOutput::Link::portFailed(Lock& lock) {
 }
 
 jack_status_t JackOutput::Link::openClient() {
+    if (!jack_) return static_cast<jack_status_t>(JackFailure | JackServerFailed); // as with no server
     jack_status_t status{};
-    client_ = jack_client_open(clientName_.c_str(), JackNoStartServer, &status);
+    client_ = jack_->client_open(clientName_.c_str(), JackNoStartServer, &status);
     if (!client_) return status;
-    jack_on_shutdown(client_, serverLost, this);
-    jack_set_process_callback(client_, process, this);
+    jack_->on_shutdown(client_, serverLost, this);
+    jack_->set_process_callback(client_, process, this);
     clockOffset_ = {};
     return status;
 }
@@ -230,8 +233,8 @@ bool JackOutput::Link::activatePort(const std::string& name) {
                          std::memory_order_release); // others may connect before the port is in our hands
     // The port comes second: a program that connected to the port of a client which is about to become active
     // could stall the server for seconds.
-    if (jack_activate(client_) == 0)
-        port_ = jack_port_register(client_, name.c_str(), JACK_DEFAULT_MIDI_TYPE, JackPortIsOutput, 0);
+    if (jack_->activate(client_) == 0)
+        port_ = jack_->port_register(client_, name.c_str(), JACK_DEFAULT_MIDI_TYPE, JackPortIsOutput, 0);
     if (port_) return true;
     takesMessages_.store(false, std::memory_order_release);
     return false;
@@ -239,13 +242,13 @@ bool JackOutput::Link::activatePort(const std::string& name) {
 
 void JackOutput::Link::deactivatePort() {
     takesMessages_.store(false, std::memory_order_release);
-    jack_deactivate(client_);
-    jack_port_unregister(client_, port_.exchange(nullptr));
+    jack_->deactivate(client_);
+    jack_->port_unregister(client_, port_.exchange(nullptr));
 }
 
 void JackOutput::Link::closeClient() {
     takesMessages_.store(false, std::memory_order_release);
-    jack_client_close(client_);
+    jack_->client_close(client_);
     client_ = nullptr;
     port_ = nullptr;
 }
@@ -317,16 +320,16 @@ void JackOutput::Link::serverLost(void* argument) {
 void JackOutput::Link::play(jack_nframes_t frames) {
     jack_port_t* const port = port_.load(std::memory_order_acquire);
     if (!port) return;
-    void* const buffer = jack_port_get_buffer(port, frames);
-    if (buffer) jack_midi_clear_buffer(buffer);
+    void* const buffer = jack_->port_get_buffer(port, frames);
+    if (buffer) jack_->midi_clear_buffer(buffer);
 
     jack_nframes_t cycle = 0;
     jack_time_t start = 0;
     jack_time_t next = 0;
     float period = 0;
-    const bool isTimed = jack_get_cycle_times(client_, &cycle, &start, &next, &period) == 0 && period > 0;
+    const bool isTimed = jack_->get_cycle_times(client_, &cycle, &start, &next, &period) == 0 && period > 0;
 
-    const std::int64_t clockOffset = clockOffset_.update();
+    const std::int64_t clockOffset = clockOffset_.update(*jack_);
     jack_nframes_t frame = 0;
     while (const auto head = ring_.front()) {
         if (isTimed) {
@@ -337,10 +340,11 @@ void JackOutput::Link::play(jack_nframes_t frames) {
             if (exactFrame >= frames) return; // its turn is in a later cycle
             if (exactFrame > frame) frame = static_cast<jack_nframes_t>(exactFrame);
         }
-        jack_midi_data_t* const to = buffer ? jack_midi_event_reserve(buffer, frame, head->length) : nullptr;
+        jack_midi_data_t* const to =
+            buffer ? jack_->midi_event_reserve(buffer, frame, head->length) : nullptr;
         if (to)
             ring_.copyFront(*head, to);
-        else if (buffer && jack_midi_get_event_count(buffer) > 0)
+        else if (buffer && jack_->midi_get_event_count(buffer) > 0)
             return; // the next cycle's buffer has room, or no buffer ever has
         ring_.pop(*head);
     }
