@@ -1,0 +1,37 @@
+"""What the compiler and the linker were asked to do against whoever finds a fault in the program."""
+import subprocess
+import unittest
+
+from harness import BUILD, DEVICE, PROGRAM
+
+
+def readelf(binary, *options):
+    return subprocess.run(["readelf", "--wide", *options, str(binary)], check=True, capture_output=True,
+                          text=True).stdout
+
+
+class Hardening(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cache = (BUILD / "CMakeCache.txt").read_text()
+        if "TESSARY_SANITIZE:STRING=\n" not in cache or "CMAKE_BUILD_TYPE:STRING=Debug" in cache:
+            raise unittest.SkipTest("this build is for finding faults, not for users")
+
+    def test_binaries(self):
+        for binary in (PROGRAM, DEVICE):
+            with self.subTest(binary.name):
+                header, program, dynamic = (readelf(binary, option) for option in ("-h", "-l", "-d"))
+                self.assertRegex(header, r"Type: +DYN .*Position-Independent Executable")
+                self.assertRegex(dynamic, r"FLAGS_1.*\bNOW\b.*\bPIE\b")
+                self.assertIn("GNU_RELRO", program)
+                self.assertRegex(program, r"GNU_STACK.* RW +0x")
+                self.assertNotRegex(program, r"LOAD.* RWE ")
+                symbols = readelf(binary, "--dyn-syms")
+                self.assertRegex(symbols, r"UND __stack_chk_fail\b", "stack protector")
+                self.assertRegex(symbols, r"UND __(read|recv|memcpy|poll|snprintf|vsnprintf|fprintf|memset)_chk\b",
+                                 "fortified functions")
+                self.assertRegex(symbols, r"UND _ZSt21__glibcxx_assert_fail", "checked containers")
+
+
+if __name__ == "__main__":
+    unittest.main()
