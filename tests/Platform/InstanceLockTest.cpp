@@ -56,6 +56,7 @@ TEST_F(InstanceLockTest, ALockLeftByAKilledProgramIsNoObstacle) {
     close(ready[1]);
     EXPECT_TRUE(std::filesystem::exists(in("run/tessary-link.lock")));
     EXPECT_FALSE(InstanceLock({in("run")}).isHeldElsewhere());
+    EXPECT_FALSE(std::filesystem::exists(in("run/tessary-link.lock"))) << "nothing is left behind";
 }
 
 TEST_F(InstanceLockTest, AFolderThatCannotBeUsedGivesWayToTheNext) {

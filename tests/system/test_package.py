@@ -56,9 +56,9 @@ class CleanSystem:
         DOWNLOADS.mkdir(exist_ok=True)
         run("cp", "-a", BARE_SYSTEM, self.root)
         archives = self.root / "var/cache/apt/archives"
-        for mount in (["-t", "proc", "none", self.root / "proc"], ["--rbind", "/dev", self.root / "dev"],
-                      ["--bind", DOWNLOADS, archives]):
-            host.run("mount", *map(str, mount)) # they go with the host
+        for mount in (["-t", "proc", "none", self.root / "proc"], ["-t", "tmpfs", "none", self.root / "run"],
+                      ["--rbind", "/dev", self.root / "dev"], ["--bind", DOWNLOADS, archives]):
+            host.run("mount", *map(str, mount))  # they go with the host
 
     @staticmethod
     def _bootstrap(codename):
@@ -74,7 +74,7 @@ class CleanSystem:
             "".join(line + "\n" for line in settings if line.startswith("Acquire::")))
         for path in ("etc/ssl/certs", "etc/resolv.conf"):
             run("cp", "-rL", f"/{path}", (unfinished / path).parent)
-        (unfinished / "usr/sbin/policy-rc.d").write_text("#!/bin/sh\nexit 101\n") # nothing is started
+        (unfinished / "usr/sbin/policy-rc.d").write_text("#!/bin/sh\nexit 101\n")  # nothing is started
         (unfinished / "usr/sbin/policy-rc.d").chmod(0o755)
         run("chroot", unfinished, "apt-get", "update", "-q")
         unfinished.rename(BARE_SYSTEM)
@@ -87,14 +87,14 @@ class CleanSystem:
         return run("nsenter", f"--target={self._host.pid}", "--mount", *self.command(*command), **options)
 
     def start(self, test, *command, host=None):
-        return Process(test, self.command(*command), host or self._host, environment(HOME="/root"))
+        return Process(test, self.command(*command), host or self._host, environment(HOME="/root", XDG_RUNTIME_DIR="/run"))
 
     def install(self, package):
         shutil.copy(package, self.root / "tmp")
         command = ["apt-get", "install", "-qy", "--no-install-recommends", f"/tmp/{package.name}"]
         try:
             self.run(*command)
-        except AssertionError: # the mirror may have newer packages meanwhile
+        except AssertionError:  # the mirror may have newer packages meanwhile
             self.run("apt-get", "update", "-q")
             self.run(*command)
         (self.root / "tmp" / package.name).unlink()
@@ -166,10 +166,10 @@ class Package(SystemTest):
         program = system.start(self, "/usr/bin/tessary-link")
         device = system.start(self, "/usr/bin/tessary-device", "--name", "Device", host=stage)
         program.wait_for(r"^\[Dialer\] 10\.77\.0\.2 running$", 20)
-        device.wait_for("playing", 10)
+        device.wait_for("running with")
         program.signal(signal.SIGTERM)
         self.assertEqual(program.wait(), 0)
-        device.wait_for("bye from")
+        device.wait_for(r"bye from .*\(data\)")
         device.signal(signal.SIGTERM)
         self.assertEqual(device.wait(), 0)
         self.assertTrue((system.root / PREFERENCES).exists())
@@ -180,7 +180,7 @@ class Package(SystemTest):
         self.assertEqual(system.paths("tessary"), [str(pathlib.Path(PREFERENCES).parent)])
         self.assertTrue((system.root / PREFERENCES).exists())
         left = {path for path in installed - {"."} if (system.root / path).exists()}
-        system.run("dpkg", "-S", *(f"/{path}" for path in left)) # what is left is some other package's
+        system.run("dpkg", "-S", *(f"/{path}" for path in left))  # what is left is some other package's
         self.assertEqual(system.run("dpkg-query", "-W", "-f", "${Package}\n", "tessary-*", check=False).count("no packages"), 1)
 
 

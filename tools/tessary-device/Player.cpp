@@ -1,5 +1,6 @@
 #include "Player.h"
 
+#include <algorithm>
 #include <array>
 #include <utility>
 
@@ -46,6 +47,7 @@ MIDIMessage sweepAt(std::uint64_t i) {
 MIDIMessage sysexAt(std::uint64_t i, std::size_t size) {
     // 7D is the manufacturer byte that is nobody's.
     MIDIMessage message{0xF0, 0x7D, sevenBits(i >> 21), sevenBits(i >> 14), sevenBits(i >> 7), sevenBits(i)};
+    message.resize(std::min(message.size(), size - 1));
     message.reserve(size);
     for (std::size_t k = message.size(); k + 1 < size; ++k)
         message.push_back(sevenBits(7 * i + k + k / 128));

@@ -18,8 +18,8 @@ enum class Play { nothing, scale, chords, sweep, sysex, mixed };
 /// The tune of that name; absent if there is none.
 std::optional<Play> playNamed(std::string_view name);
 
-/// A System Exclusive that carries its number cannot be shorter.
-constexpr std::size_t smallestSysex = 7;
+/// F0, the manufacturer byte, F7. From 7 bytes on a System Exclusive carries its number.
+constexpr std::size_t smallestSysex = 3;
 
 /// The notes that sound together in `Play::chords`. Its messages come in pairs of this many notes on and as
 /// many notes off.
@@ -32,8 +32,8 @@ constexpr std::size_t notesPerChord = 3;
 ///     chords   three notes on, then the same three off; triads on the degrees of C major; velocity as above
 ///     sweep    controller 74, up from 0 to 127 and down again
 ///     sysex    F0 7D n n n n ... F7, `sysexSize` bytes in all; n is the number, seven bits a byte, the
-///     highest
-///              first; the byte at offset k, from 6 on, is (7 i + k + k / 128) mod 128
+///              highest first; the byte at offset k, from 6 on, is (7 i + k + k / 128) mod 128; a short one
+///              ends sooner
 ///     mixed    i mod 12: note on, note off, poly pressure, controller, program, channel pressure, pitch
 ///     bend,
 ///              song position, song select, time code quarter frame, timing clock, System Exclusive;

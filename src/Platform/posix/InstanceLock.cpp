@@ -5,27 +5,52 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
-#include <utility>
 
 namespace tessary {
+
+namespace {
+
+/// Whether the path still leads to the open file: its last holder may have removed it just before we locked
+/// it.
+bool isAt(int file, const std::string& path) {
+    struct stat opened {};
+    struct stat named {};
+    return fstat(file, &opened) == 0 && stat(path.c_str(), &named) == 0 && opened.st_ino == named.st_ino &&
+           opened.st_dev == named.st_dev;
+}
+
+} // namespace
 
 InstanceLock::InstanceLock(const std::vector<std::string>& folders) {
     for (const std::string& folder : folders) {
         std::error_code ignored;
         std::filesystem::create_directories(folder, ignored);
-        const std::string path = folder + "/tessary-link.lock";
-        file_ = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-        if (file_ < 0) continue;
-        if (flock(file_, LOCK_EX | LOCK_NB) == 0) return;
-        isHeldElsewhere_ = errno == EWOULDBLOCK;
-        if (isHeldElsewhere_) return;
-        close(std::exchange(file_, -1)); // no locks on this file system
+        path_ = folder + "/tessary-link.lock";
+        if (lock()) return;
     }
 }
 
 InstanceLock::~InstanceLock() {
-    if (file_ >= 0) close(file_);
+    if (file_ < 0) return;
+    unlink(path_.c_str()); // first, while nobody else can hold it
+    close(file_);
+}
+
+bool InstanceLock::lock() {
+    while (true) {
+        const int file = open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+        if (file < 0) return false;
+        const bool isLocked = flock(file, LOCK_EX | LOCK_NB) == 0;
+        isHeldElsewhere_ = !isLocked && errno == EWOULDBLOCK;
+        if (isLocked && isAt(file, path_)) {
+            file_ = file;
+            return true;
+        }
+        close(file);
+        if (!isLocked) return isHeldElsewhere_; // else there are no locks on this file system
+    }
 }
 
 std::vector<std::string> InstanceLock::defaultFolders(const std::string& preferences) {

@@ -6,7 +6,8 @@
 
 namespace tessary {
 
-/// Holds a lock file for as long as it lives. The kernel drops the lock with the process, however that ends.
+/// Holds a lock file for as long as it lives, and removes it then. The kernel drops the lock with the
+/// process, however that ends.
 class InstanceLock {
   public:
     /// Locks `tessary-link.lock` in the first of these folders where that works; they are made if need be.
@@ -22,7 +23,10 @@ class InstanceLock {
     static std::vector<std::string> defaultFolders(const std::string& preferences);
 
   private:
-    int file_ = -1;
+    bool lock();
+
+    std::string path_;
+    int file_ = -1; ///< locked by us
     bool isHeldElsewhere_ = false;
 };
 

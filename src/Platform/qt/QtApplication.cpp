@@ -6,6 +6,7 @@
 #include <array>
 #include <csignal>
 #include <cstdlib>
+#include <string>
 #include <sys/signalfd.h>
 #include <unistd.h>
 #include <utility>
@@ -43,8 +44,10 @@ class TerminationSignals {
 /// Where to show things: on the display that there is, else nowhere, which lets the program do its job all
 /// the same. A user's own choice stays.
 void choosePlatform() {
-    const bool isWayland = qEnvironmentVariableIsSet("WAYLAND_DISPLAY");
-    setenv("QT_QPA_PLATFORM", isWayland ? "wayland;xcb;offscreen" : "xcb;offscreen", 0);
+    std::string platforms;
+    if (!qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY")) platforms += "wayland;";
+    if (!qEnvironmentVariableIsEmpty("DISPLAY")) platforms += "xcb;";
+    setenv("QT_QPA_PLATFORM", (platforms + "offscreen").c_str(), 0);
 }
 
 } // namespace
