@@ -171,11 +171,13 @@ TEST_F(AutostartEntryTest, ReadsAnEntryAsADesktopDoes) {
         {"Exec=" + path, notRegistered},
         {"", notRegistered},
     };
+    const fs::path before = fs::current_path();
+    fs::current_path(folder); // a desktop starts nothing from where it happens to be
     for (const auto& [text, expected] : cases) {
         write(text);
         EXPECT_EQ(entry().status(), expected) << text;
     }
-    write(folder / "x", "");
+    fs::current_path(before);
     ASSERT_EQ(mkfifo((folder / "pipe").c_str(), 0600), 0);
     fs::remove(file);
     fs::create_symlink(folder / "pipe", file);
@@ -241,6 +243,11 @@ TEST_F(AutostartEntryTest, KeepsWhatAUserHasPutIntoTheFile) {
         EXPECT_NE(read(file).find("Exec=" + program.string() + "\n"), std::string::npos);
         EXPECT_NE(read(file).find("X-Theirs=1\n"), std::string::npos);
     }
+
+    // An option is the user's too.
+    write(writtenFor(program.string() + " -platform wayland"));
+    EXPECT_EQ(login.unregisterProgram(), std::nullopt);
+    EXPECT_EQ(read(file), writtenFor(program.string() + " -platform wayland") + "Hidden=true\n");
 
     // Our own file of another place is still ours alone, and removed.
     write(writtenFor("/opt/old/tessary-link"));

@@ -38,11 +38,29 @@ QFont fontOf(const TextStyle& style) {
     return font;
 }
 
+/// Most of what the menu tells stands in lines that cannot be chosen: they must be readable, which the usual
+/// colour of disabled text is not meant to be. Two thirds of the way from the ground to the text.
+QPalette withReadableDisabledText(QPalette palette) {
+    for (const auto& [role, ground] : {std::pair{QPalette::WindowText, QPalette::Window},
+                                       {QPalette::Text, QPalette::Base},
+                                       {QPalette::ButtonText, QPalette::Button}}) {
+        const QColor text = palette.color(QPalette::Active, role);
+        const QColor below = palette.color(QPalette::Active, ground);
+        const auto mixed = [](int a, int b) { return (2 * a + b) / 3; };
+        palette.setColor(QPalette::Disabled, role,
+                         QColor(mixed(text.red(), below.red()), mixed(text.green(), below.green()),
+                                mixed(text.blue(), below.blue())));
+    }
+    return palette;
+}
+
 } // namespace
 
 MenuView::MenuView(Writing writing, std::function<void(const std::string&)> chosen)
     : writing_(writing)
-    , chosen_(std::move(chosen)) {}
+    , chosen_(std::move(chosen)) {
+    if (writing == Writing::widget) menu_.setPalette(withReadableDisabledText(menu_.palette()));
+}
 
 bool MenuView::matches(const Row& row, const MenuItem& item) {
     return row.line->isSeparator() == item.isSeparator && row.action == item.action;
