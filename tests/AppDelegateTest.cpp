@@ -208,4 +208,29 @@ TEST_F(AppDelegateTest, TerminationBeforeLaunchDoesNothing) {
     EXPECT_TRUE(machine.network.made.empty());
 }
 
+TEST(StatusBarIconTest, IsTheOneOfEighteenPoints) {
+    const Image image = AppDelegate::makeStatusBarIcon();
+    EXPECT_TRUE(image.isTemplate);
+    EXPECT_EQ(image.accessibilityDescription, "Tessary Link");
+    const auto shapes = image.draw({{5, 5}, 18, 40}); // only the width counts
+    ASSERT_EQ(shapes.size(), 4u);
+    const std::vector<Point> origins{{1.2, 1.2}, {9.8, 1.2}, {1.2, 9.8}, {9.8, 9.8}};
+    for (std::size_t i = 0; i < 4; ++i) {
+        const auto& cell = std::get<RoundedRectangle>(shapes[i].subpaths.at(0));
+        EXPECT_NEAR(cell.rectangle.origin.x, origins[i].x, 1e-12);
+        EXPECT_NEAR(cell.rectangle.origin.y, origins[i].y, 1e-12);
+        EXPECT_NEAR(cell.rectangle.width, 7.0, 1e-12);
+        EXPECT_NEAR(cell.rectangle.height, 7.0, 1e-12);
+        EXPECT_NEAR(cell.radius, 2.1, 1e-12);
+        EXPECT_EQ(shapes[i].lineWidth, i < 3 ? 1.2 : 0.0);
+    }
+    const auto& triangle = std::get<Polygon>(shapes[3].subpaths.at(1));
+    const std::vector<Point> corners{{12.4432, 14.84}, {14.9632, 13.3}, {12.4432, 11.76}};
+    ASSERT_EQ(triangle.size(), 3u);
+    for (std::size_t i = 0; i < 3; ++i) {
+        EXPECT_NEAR(triangle[i].x, corners[i].x, 1e-9);
+        EXPECT_NEAR(triangle[i].y, corners[i].y, 1e-9);
+    }
+}
+
 } // namespace

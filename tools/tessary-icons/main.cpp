@@ -1,7 +1,7 @@
 // Writes the icon files that a desktop looks for, all of the program's one drawing: the symbolic icon, the
 // application icon, and pixels of it for desktops that read no SVG.
 //
-//   tessary-icons FOLDER    writes into FOLDER as into `hicolor` (Icon Theme Specification)
+//   tessary-icons FOLDER    writes into FOLDER as into `hicolor` (freedesktop.org icon theme)
 
 #include "AppDelegate.h"
 #include "Platform/qt/ImagePainter.h"

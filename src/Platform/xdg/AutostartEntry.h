@@ -8,7 +8,7 @@
 
 namespace tessary {
 
-/// The entry `tessary-link.desktop` (Desktop Application Autostart and Desktop Entry Specifications). The
+/// The entry `tessary-link.desktop` (freedesktop.org: Desktop Entry, Autostart). The
 /// user's file overrides a system-wide one of the same name whole. It is replaced at once, so that at every
 /// moment it is the old one or the new one, and all that a user has put into it stays.
 ///
