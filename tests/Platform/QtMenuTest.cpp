@@ -32,9 +32,7 @@ class QtMenuTest : public testing::Test {
         item.isEnabled = !action.empty();
         return item;
     }
-    QMenu& hosted(MenuView::Writing writing = MenuView::Writing::dbusmenu) {
-        return menu.makeHostedMenu(writing);
-    }
+    QMenu& hosted(MenuView::Writing writing = MenuView::Writing::dbusmenu) { return menu.makeView(writing); }
     static QStringList titles(const QMenu& shown) {
         QStringList found;
         for (const QAction* action : shown.actions())

@@ -232,9 +232,9 @@ class SystemTest(unittest.TestCase):
 class Program(Process):
     """The program under test. Its preferences live in `config`."""
 
-    def __init__(self, test, host, config=None, stdout=None):
+    def __init__(self, test, host, config=None, stdout=None, variables=None):
         self.config = config or pathlib.Path(tempfile.mkdtemp(dir=test.directory))
-        env = environment(XDG_CONFIG_HOME=str(self.config), HOME=str(self.config))
+        env = environment(**{"XDG_CONFIG_HOME": str(self.config), "HOME": str(self.config)} | (variables or {}))
         self._test = test
         super().__init__(test, [PROGRAM], host, env, stdout)
 

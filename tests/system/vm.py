@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""A small virtual machine, for what the machine at hand has no hardware or kernel modules for: Debian's own kernel, under
-qemu's emulator, with the files of this machine.
+"""A small virtual machine, for what the machine at hand has no hardware or kernel modules for: Debian's own kernel,
+under qemu's emulator, with the files of this machine.
 
     vm.py COMMAND [ARGUMENT]...     runs a command in it, as root, in the present directory; ends as the command does
 
@@ -110,7 +110,8 @@ def run(command, timeout, environment=None, directory=None, output=None):
         raise Unavailable("missing: " + ", ".join(missing))
     kernel, modules = _kernel()
     module_files = _module_files(modules, MODULES)
-    variables = {"TESSARY_VM": "1", "PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/root", "LC_ALL": "C.UTF-8", **(environment or {})}
+    variables = {"TESSARY_VM": "1", "PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/root", "LC_ALL": "C.UTF-8",
+                 **(environment or {})}
     start = START.format(command=shlex.join(map(str, command)), directory=shlex.quote(str(directory or os.getcwd())),
                          environment=" ".join(f"{key}={shlex.quote(value)}" for key, value in variables.items()))
     executable, plain, folder = 0o100755, 0o100644, 0o040755

@@ -57,7 +57,7 @@ struct QtApplication::Parts {
         : arguments{programName, nullptr}
         , application((choosePlatform(), argumentCount), arguments.data())
         , notifier(signals.file(), QSocketNotifier::Read) {
-        QApplication::setApplicationDisplayName(QStringLiteral("Tessary Link"));
+        QCoreApplication::setApplicationName(QStringLiteral("Tessary Link"));
         QApplication::setDesktopFileName(QStringLiteral("tessary-link"));
         QApplication::setQuitOnLastWindowClosed(false);
         QCoreApplication::setQuitLockEnabled(false);

@@ -1,9 +1,7 @@
 #include "Platform/qt/QtMenu.h"
 
 #include <QAction>
-#include <QCursor>
 #include <QFontDatabase>
-#include <QGuiApplication>
 #include <QTimer>
 #include <algorithm>
 #include <utility>
@@ -113,8 +111,7 @@ void MenuView::update(QAction& line, const MenuItem& item) const {
 
 void QtMenu::setItems(std::vector<MenuItem> items) {
     items_ = std::move(items);
-    for (auto* view : {hosted_.get(), widget_.get()})
-        if (view) view->show(items_);
+    if (view_) view_->show(items_);
 }
 
 void QtMenu::contentDidChange() {
@@ -129,24 +126,13 @@ void QtMenu::needsUpdate() {
     if (const auto delegate = delegate_.lock()) delegate->menuNeedsUpdate(*this);
 }
 
-std::unique_ptr<MenuView> QtMenu::makeView(MenuView::Writing writing) {
-    auto view = std::make_unique<MenuView>(writing, [this](const std::string& action) { choose(action); });
-    QObject::connect(&view->menu(), &QMenu::aboutToShow, &context_, [this] { willOpen(); });
-    QObject::connect(&view->menu(), &QMenu::aboutToHide, &context_, [this] { didClose(); });
-    view->show(items_);
-    return view;
-}
-
-QMenu& QtMenu::makeHostedMenu(MenuView::Writing writing) {
-    auto& place = writing == MenuView::Writing::widget ? widget_ : hosted_;
-    place = makeView(writing);
-    return place->menu();
-}
-
-void QtMenu::popUp() {
-    if (QGuiApplication::platformName() != QLatin1String("xcb")) return;
-    if (!widget_) widget_ = makeView(MenuView::Writing::widget);
-    widget_->menu().popup(QCursor::pos());
+QMenu& QtMenu::makeView(MenuView::Writing writing) {
+    view_ = std::make_unique<MenuView>(writing, [this](const std::string& action) { choose(action); });
+    QMenu& menu = view_->menu();
+    QObject::connect(&menu, &QMenu::aboutToShow, &context_, [this] { willOpen(); });
+    QObject::connect(&menu, &QMenu::aboutToHide, &context_, [this] { didClose(); });
+    view_->show(items_);
+    return menu;
 }
 
 void QtMenu::willOpen() {

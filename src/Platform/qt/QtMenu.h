@@ -54,14 +54,9 @@ class QtMenu : public Menu {
     void contentDidChange();
 
     /// The menu for the panel. Called once.
-    QMenu& makeHostedMenu(MenuView::Writing writing);
-
-    /// Opens the menu at the pointer, for a panel that only tells of clicks. Does nothing where windows
-    /// cannot place themselves.
-    void popUp();
+    QMenu& makeView(MenuView::Writing writing);
 
   private:
-    std::unique_ptr<MenuView> makeView(MenuView::Writing writing);
     void needsUpdate();
     void willOpen();
     void didClose();
@@ -71,9 +66,8 @@ class QtMenu : public Menu {
     std::vector<MenuItem> items_;
     bool isOpen_ = false;
     bool isUpdatePending_ = false;
-    std::unique_ptr<MenuView> hosted_;
-    std::unique_ptr<MenuView> widget_; ///< where the panel shows the hosted one with its own means
-    QObject context_;                  ///< last: when it goes, nothing arrives any more
+    std::unique_ptr<MenuView> view_;
+    QObject context_; ///< last: when it goes, nothing arrives any more
 };
 
 } // namespace tessary

@@ -1,10 +1,11 @@
 #include "Platform/qt/QtStatusBar.h"
 
 #include "Platform/qt/QtMenu.h"
+#include "Platform/qt/StatusNotifierItem.h"
 #include "Platform/qt/TemplateIcon.h"
 #include "Platform/qt/TrayHost.h"
 
-#include <QCoreApplication>
+#include <QCursor>
 #include <QIcon>
 #include <QSystemTrayIcon>
 #include <optional>
@@ -17,9 +18,7 @@ class QtStatusItem : public StatusItem {
     // The tray knows neither a freely wide item nor one that its user takes away.
     void setBehavior(StatusItemBehavior) override {}
 
-    void setAutosaveName(const std::string& name) override {
-        QCoreApplication::setApplicationName(QString::fromStdString(name)); // is the item's Id
-    }
+    void setAutosaveName(const std::string& name) override { id_ = QString::fromStdString(name); }
     void setImage(const Image& image) override {
         icon_ = templateIcon(image, installedSymbolicIcon(QStringLiteral("tessary-link-symbolic")));
         accessibleName_ = QString::fromStdString(image.accessibilityDescription);
@@ -40,15 +39,18 @@ class QtStatusItem : public StatusItem {
         tray_ = std::make_unique<QSystemTrayIcon>(icon_);
         tray_->setToolTip(accessibleName_);
         if (menu_) {
-            tray_->setContextMenu(
-                &menu_->makeHostedMenu(isWidget ? MenuView::Writing::widget : MenuView::Writing::dbusmenu));
-            QObject::connect(tray_.get(), &QSystemTrayIcon::activated, tray_.get(), [this](auto reason) {
-                if (reason != QSystemTrayIcon::Context) menu_->popUp();
-            });
+            QMenu& view = menu_->makeView(isWidget ? MenuView::Writing::widget : MenuView::Writing::dbusmenu);
+            tray_->setContextMenu(&view);
+            if (isWidget) // which opens it for the right button only
+                QObject::connect(tray_.get(), &QSystemTrayIcon::activated, &view, [&view](auto reason) {
+                    if (reason != QSystemTrayIcon::Context) view.popup(QCursor::pos());
+                });
         }
         tray_->setVisible(isVisible_);
+        if (!isWidget) StatusNotifierItem::replaceQts(id_, accessibleName_, icon_);
     }
 
+    QString id_;
     QIcon icon_;
     QString accessibleName_;
     bool isVisible_ = false;

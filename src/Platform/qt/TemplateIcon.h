@@ -17,8 +17,8 @@ namespace tessary {
 /// @param symbolicName  the name of the installed symbolic icon; empty where none is installed
 QIcon templateIcon(const Image& image, const QString& symbolicName);
 
-/// `name`, if the icon is installed where desktops look for it (freedesktop.org icon theme: `icons` in the data
-/// directories, theme hicolor); else empty.
+/// `name`, if the icon is installed where desktops look for it (freedesktop.org icon theme: `icons` in the
+/// data directories, theme hicolor); else empty.
 QString installedSymbolicIcon(const QString& name);
 
 } // namespace tessary

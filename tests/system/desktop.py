@@ -1,0 +1,197 @@
+"""A desktop session for the tests of the panel: a session bus, a display, panels, and a foreign client that reads the
+menu as panels do."""
+import collections
+import json
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+import tempfile
+import unittest
+
+from harness import Process, Program, environment, until
+
+TOOLS = ("dbus-daemon", "Xvfb", "xfce4-panel", "trayer", "xdotool", "import", "convert", "busctl")
+ITEM_INTERFACE, MENU_INTERFACE = "org.kde.StatusNotifierItem", "com.canonical.dbusmenu"
+WATCHER = "org.kde.StatusNotifierWatcher"
+PANEL = """<?xml version="1.0" encoding="UTF-8"?>
+<channel name="xfce4-panel" version="1.0">
+  <property name="configver" type="int" value="2"/>
+  <property name="panels" type="array">
+    <value type="int" value="1"/>
+    <property name="dark-mode" type="bool" value="{dark}"/>
+    <property name="panel-1" type="empty">
+      <property name="position" type="string" value="p=2;x=0;y=0"/>
+      <property name="length" type="uint" value="20"/>
+      <property name="size" type="uint" value="28"/>
+      <property name="icon-size" type="uint" value="18"/>
+      <property name="plugin-ids" type="array"><value type="int" value="1"/></property>
+    </property>
+  </property>
+  <property name="plugins" type="empty">
+    <property name="plugin-1" type="string" value="systray"/>
+  </property>
+</channel>
+"""
+
+MenuLine = collections.namedtuple("MenuLine", "identity title enabled checked shortcut")
+
+
+def literal(label):
+    """What a panel shows of a label: one underscore marks the key of a line, two are one."""
+    return re.sub(r"_(.?)", r"\1", label, flags=re.DOTALL)
+
+
+class Desktop:
+    """A session of one user on a host."""
+
+    def __init__(self, test, host):
+        if missing := [tool for tool in TOOLS if not shutil.which(tool)]:
+            raise unittest.SkipTest("missing: " + ", ".join(missing))
+        self._test, self.host = test, host
+        self.directory = pathlib.Path(tempfile.mkdtemp(dir=test.directory))
+        runtime = self.directory / "run"
+        runtime.mkdir(mode=0o700)
+        self.config = self.directory / "config"
+        self.variables = {"HOME": str(self.directory), "XDG_CONFIG_HOME": str(self.config),
+                          "XDG_RUNTIME_DIR": str(runtime)}
+        self.bus = self.display = None
+
+    def start_bus(self):
+        address = f"unix:path={self.directory}/bus"
+        self.bus = self.process("dbus-daemon", "--session", "--nofork", "--print-address=1", f"--address={address}")
+        self.bus.wait_for("unix:")
+        self.variables["DBUS_SESSION_BUS_ADDRESS"] = address
+        return self
+
+    def start_display(self):
+        self.display = self.process("Xvfb", "-displayfd", "1", "-screen", "0", "480x320x24", "-nolisten", "tcp")
+        self.variables["DISPLAY"] = ":" + self.display.wait_for(r"^(\d+)$")[1][1]
+        return self
+
+    def process(self, *command, **more):
+        return Process(self._test, command, self.host, environment(**self.variables, **more))
+
+    def run(self, *command):
+        return subprocess.run(self.host.enter + [*command], check=True, env=environment(**self.variables),
+                              stdout=subprocess.PIPE, text=True).stdout
+
+    def program(self, **more):
+        return Program(self._test, self.host, config=self.config, variables=self.variables | more)
+
+    def xfce_panel(self, dark=False):
+        channels = self.config / "xfce4/xfconf/xfce-perchannel-xml"
+        channels.mkdir(parents=True, exist_ok=True)
+        (channels / "xfce4-panel.xml").write_text(PANEL.format(dark="true" if dark else "false"))
+        return self.process("xfce4-panel", "--disable-wm-check", GTK_THEME="Adwaita:dark" if dark else "Adwaita")
+
+    def xembed_panel(self):
+        return self.process("trayer", "--edge", "top", "--align", "left", "--widthtype", "request", "--height", "28",
+                            "--transparent", "false")
+
+    # As a panel's client
+
+    def _busctl(self, *arguments):
+        command = ["busctl", f"--address={self.variables['DBUS_SESSION_BUS_ADDRESS']}", "--json=short", "--", *arguments]
+        result = subprocess.run(self.host.enter + command, env=environment(**self.variables), capture_output=True,
+                                text=True, timeout=10)
+        if result.returncode != 0:
+            raise LookupError(result.stderr.strip())
+        return json.loads(result.stdout)["data"] if result.stdout.strip() else None
+
+    def _item(self):
+        """Bus name and path of the program's item, as the watcher has it."""
+        try:
+            items = self._busctl("get-property", WATCHER, "/StatusNotifierWatcher", WATCHER,
+                                 "RegisteredStatusNotifierItems")
+        except LookupError:
+            return None
+        return (items[0][:items[0].index("/")], items[0][items[0].index("/"):]) if items else None
+
+    def wait_for_item(self, timeout=10):
+        return until(self._item, timeout, "the item is registered")
+
+    def item_property(self, name):
+        service, path = self.wait_for_item()
+        return self._busctl("get-property", service, path, ITEM_INTERFACE, name)
+
+    def _menu(self, method, *arguments):
+        service, _ = self.wait_for_item()
+        return self._busctl("call", service, self.item_property("Menu"), MENU_INTERFACE, method, *arguments)
+
+    def menu(self, opening=True):
+        """The lines as a panel reads them, None for a separator; `opening` asks the program first, as most do."""
+        if opening:
+            self._menu("AboutToShow", "i", "0")
+        _, (_, _, lines) = self._menu("GetLayout", "iias", "0", "-1", "0")
+        found = []
+        for line in lines:
+            identity, properties, _ = line["data"]
+            values = {key: value["data"] for key, value in properties.items()}
+            if not values.get("visible", True):
+                continue
+            if values.get("type") == "separator":
+                found.append(None)
+                continue
+            checked = bool(values["toggle-state"]) if values.get("toggle-type") == "checkmark" else None
+            found.append(MenuLine(identity, literal(values["label"]), values.get("enabled", True), checked,
+                                  values.get("shortcut")))
+        if opening:
+            self._menu("Event", "isvu", "0", "closed", "i", "0", "0")
+        return found
+
+    def titles(self, opening=True):
+        return ["-" if line is None else line.title for line in self.menu(opening)]
+
+    def choose(self, title):
+        line = next(line for line in self.menu() if line and line.title == title)
+        assert line.enabled, title
+        self._menu("Event", "isvu", str(line.identity), "clicked", "i", "0", "0")
+
+    def menu_event(self, event):
+        self._menu("Event", "isvu", "0", event, "i", "0", "0")
+
+    def about_to_show(self):
+        self._menu("AboutToShow", "i", "0")
+
+    # As the eyes and the hand in front of it
+
+    def screenshot(self, name):
+        """Also kept in the folder that TESSARY_SCREENSHOTS names."""
+        path = self.directory / f"{name}.png"
+        self.run("import", "-silent", "-window", "root", str(path))
+        if folder := os.environ.get("TESSARY_SCREENSHOTS"):
+            pathlib.Path(folder).mkdir(parents=True, exist_ok=True)
+            shutil.copy(path, folder)
+        return Screenshot(path)
+
+    def click(self, x, y, button):
+        self.run("xdotool", "mousemove", str(x), str(y), "click", str(button))
+
+    def press(self, key):
+        self.run("xdotool", "key", key)
+
+
+class Screenshot:
+    def __init__(self, path):
+        size = subprocess.run(["identify", "-format", "%w %h", path], check=True, stdout=subprocess.PIPE).stdout
+        self.width, self.height = map(int, size.split())
+        pixels = subprocess.run(["convert", path, "-depth", "8", "gray:-"], check=True, stdout=subprocess.PIPE).stdout
+        self.rows = [pixels[y * self.width:(y + 1) * self.width] for y in range(self.height)]
+
+    def differing(self, other):
+        """The bounds of what differs: left, top, right, bottom; None if nothing does."""
+        rows = [y for y in range(self.height) if self.rows[y] != other.rows[y]]
+        if not rows:
+            return None
+        columns = [x for x in range(self.width) if any(self.rows[y][x] != other.rows[y][x] for y in rows)]
+        return columns[0], rows[0], columns[-1] + 1, rows[-1] + 1
+
+    def contrast(self, left, top, right, bottom):
+        """Of the lightest and the darkest pixel there (WCAG 2, 1.4.11: 3 is enough for an icon)."""
+        def luminance(value):
+            value /= 255
+            return value / 12.92 if value <= 0.04045 else ((value + 0.055) / 1.055) ** 2.4
+        values = [value for y in range(top, bottom) for value in self.rows[y][left:right]]
+        return (luminance(max(values)) + 0.05) / (luminance(min(values)) + 0.05)
