@@ -1,6 +1,6 @@
 #include "Platform/jack/JackOutput.h"
 
-#include "Platform/jack/MIDIRing.h"
+#include "Platform/MIDIRing.h"
 #include "support/JackServer.h"
 
 #include <gtest/gtest.h>

@@ -10,7 +10,7 @@ import subprocess
 import tempfile
 import unittest
 
-from harness import Process, Program, environment, until
+from harness import BUILD, Process, Program, environment, until
 
 TOOLS = ("dbus-daemon", "Xvfb", "xfce4-panel", "trayer", "xdotool", "import", "convert", "busctl")
 ITEM_INTERFACE, MENU_INTERFACE = "org.kde.StatusNotifierItem", "com.canonical.dbusmenu"
@@ -43,6 +43,15 @@ def literal(label):
     return re.sub(r"_(.?)", r"\1", label, flags=re.DOTALL)
 
 
+def contrast(lighter, darker):
+    """Of two tones of grey, 0 to 255 (WCAG 2, 1.4.11: 3 is enough for an icon)."""
+    def luminance(value):
+        value /= 255
+        return value / 12.92 if value <= 0.04045 else ((value + 0.055) / 1.055) ** 2.4
+    low, high = sorted((luminance(lighter), luminance(darker)))
+    return (high + 0.05) / (low + 0.05)
+
+
 class Desktop:
     """A session of one user on a host."""
 
@@ -54,8 +63,9 @@ class Desktop:
         runtime = self.directory / "run"
         runtime.mkdir(mode=0o700)
         self.config = self.directory / "config"
+        self.data = self.directory / "data"
         self.variables = {"HOME": str(self.directory), "XDG_CONFIG_HOME": str(self.config),
-                          "XDG_RUNTIME_DIR": str(runtime)}
+                          "XDG_DATA_HOME": str(self.data), "XDG_RUNTIME_DIR": str(runtime)}
         self.bus = self.display = None
 
     def start_bus(self):
@@ -69,6 +79,10 @@ class Desktop:
         self.display = self.process("Xvfb", "-displayfd", "1", "-screen", "0", "480x320x24", "-nolisten", "tcp")
         self.variables["DISPLAY"] = ":" + self.display.wait_for(r"^(\d+)$")[1][1]
         return self
+
+    def install_icons(self):
+        """Where a package would put them, but for this user only."""
+        shutil.copytree(BUILD / "packaging/icons/hicolor", self.data / "icons/hicolor")
 
     def process(self, *command, **more):
         return Process(self._test, command, self.host, environment(**self.variables, **more))
@@ -189,9 +203,6 @@ class Screenshot:
         return columns[0], rows[0], columns[-1] + 1, rows[-1] + 1
 
     def contrast(self, left, top, right, bottom):
-        """Of the lightest and the darkest pixel there (WCAG 2, 1.4.11: 3 is enough for an icon)."""
-        def luminance(value):
-            value /= 255
-            return value / 12.92 if value <= 0.04045 else ((value + 0.055) / 1.055) ** 2.4
+        """Between the lightest and the darkest pixel there."""
         values = [value for y in range(top, bottom) for value in self.rows[y][left:right]]
-        return (luminance(max(values)) + 0.05) / (luminance(min(values)) + 0.05)
+        return contrast(max(values), min(values))

@@ -2,7 +2,7 @@
 // MIDI message.
 #pragma once
 
-#include "Platform/jack/MIDIRing.h"
+#include "Platform/MIDIRing.h"
 
 #include <algorithm>
 #include <atomic>

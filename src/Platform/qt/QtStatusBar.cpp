@@ -5,12 +5,21 @@
 #include "Platform/qt/TemplateIcon.h"
 #include "Platform/qt/TrayHost.h"
 
+#include <QColor>
 #include <QCursor>
 #include <QIcon>
 #include <QSystemTrayIcon>
 #include <optional>
 
 namespace tessary {
+
+namespace {
+
+// Pixels have to stand out from whatever panel shows them, at 3 to 1 at least.
+const QColor toneForStatusNotifier(0x89, 0x89, 0x89); ///< desktops' panels: white to dark grey (#353535)
+const QColor toneForXEmbed(0x76, 0x76, 0x76);         ///< window managers' panels: white, light grey, black
+
+} // namespace
 
 /// Keeps what was asked for, and makes the tray's object of it once there is a panel.
 class QtStatusItem : public StatusItem {
@@ -20,7 +29,7 @@ class QtStatusItem : public StatusItem {
 
     void setAutosaveName(const std::string& name) override { id_ = QString::fromStdString(name); }
     void setImage(const Image& image) override {
-        icon_ = templateIcon(image, installedSymbolicIcon(QStringLiteral("tessary-link-symbolic")));
+        image_ = image;
         accessibleName_ = QString::fromStdString(image.accessibilityDescription);
     }
     bool isVisible() const override { return isVisible_; }
@@ -36,7 +45,10 @@ class QtStatusItem : public StatusItem {
   private:
     void appear(TrayProtocol protocol) {
         const bool isWidget = protocol == TrayProtocol::xembed;
-        tray_ = std::make_unique<QSystemTrayIcon>(icon_);
+        const QIcon icon =
+            templateIcon(image_, installedSymbolicIcon(QStringLiteral("tessary-link-symbolic")),
+                         isWidget ? toneForXEmbed : toneForStatusNotifier);
+        tray_ = std::make_unique<QSystemTrayIcon>(icon);
         tray_->setToolTip(accessibleName_);
         if (menu_) {
             QMenu& view = menu_->makeView(isWidget ? MenuView::Writing::widget : MenuView::Writing::dbusmenu);
@@ -47,11 +59,11 @@ class QtStatusItem : public StatusItem {
                 });
         }
         tray_->setVisible(isVisible_);
-        if (!isWidget) StatusNotifierItem::replaceQts(id_, accessibleName_, icon_);
+        if (!isWidget) StatusNotifierItem::replaceQts(id_, accessibleName_, icon);
     }
 
     QString id_;
-    QIcon icon_;
+    Image image_;
     QString accessibleName_;
     bool isVisible_ = false;
     std::shared_ptr<QtMenu> menu_;

@@ -11,17 +11,15 @@ namespace tessary {
 
 namespace {
 
-/// Its contrast to white and to black is the same, 4.6 to 1.
-const QColor midTone(0x76, 0x76, 0x76);
-
 class Engine : public QIconEngine {
   public:
-    Engine(Image image, QString symbolicName)
+    Engine(Image image, QString symbolicName, const QColor& tone)
         : image_(std::move(image))
-        , symbolicName_(std::move(symbolicName)) {}
+        , symbolicName_(std::move(symbolicName))
+        , tone_(tone) {}
 
     void paint(QPainter* painter, const QRect& rect, QIcon::Mode, QIcon::State) override {
-        tessary::paint(image_, *painter, rect, midTone);
+        tessary::paint(image_, *painter, rect, tone_);
     }
     QPixmap pixmap(const QSize& size, QIcon::Mode mode, QIcon::State state) override {
         QPixmap pixmap(size);
@@ -42,12 +40,13 @@ class Engine : public QIconEngine {
   private:
     const Image image_;
     const QString symbolicName_;
+    const QColor tone_;
 };
 
 } // namespace
 
-QIcon templateIcon(const Image& image, const QString& symbolicName) {
-    return QIcon(new Engine(image, symbolicName));
+QIcon templateIcon(const Image& image, const QString& symbolicName, const QColor& tone) {
+    return QIcon(new Engine(image, symbolicName, tone));
 }
 
 QString installedSymbolicIcon(const QString& name) {
