@@ -3,7 +3,6 @@
 
     python3 bench/scale.py [devices] [seconds at rest]
 """
-import os
 import pathlib
 import sys
 import time
@@ -11,19 +10,10 @@ import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests/system"))
 from harness import Program, SystemTest  # noqa: E402
+from usage import usage  # noqa: E402
 
 COUNT = int(sys.argv[1]) if len(sys.argv) > 1 else 64
 REST = float(sys.argv[2]) if len(sys.argv) > 2 else 30
-
-
-def usage(pid):
-    """Seconds of processor time, voluntary switches of all threads, resident KiB."""
-    fields = pathlib.Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()
-    status = [path.read_text() for path in pathlib.Path(f"/proc/{pid}/task").glob("*/status")]
-    switches = sum(int(line.split()[1]) for text in status for line in text.splitlines()
-                   if line.startswith("voluntary"))
-    resident = int(pathlib.Path(f"/proc/{pid}/statm").read_text().split()[1]) * os.sysconf("SC_PAGESIZE") // 1024
-    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK"), switches, resident
 
 
 class Scale(SystemTest):
