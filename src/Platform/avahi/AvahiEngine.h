@@ -31,10 +31,23 @@ class AvahiEngine {
     void remove(const std::shared_ptr<ServiceResolution>& resolution);
 
   private:
+    /// A service that was resolved, and where it was then.
+    struct Watch {
+        std::string name;
+        std::string type;
+        std::string domain;
+        std::string host = {}; // empty until the lookup has found it
+        std::uint16_t port = 0;
+        Lookup lookup = nullptr;
+    };
+
     void open();
     void ready();
     void lost();
     void beginResolutions();
+    void watch(const ServiceResolution::Request& resolved);
+    void begin(const std::shared_ptr<Watch>& watch);
+    void handle(const std::shared_ptr<Watch>& watch, const HostEvent& event);
 
     AvahiThread thread_;
     std::shared_ptr<AvahiBackend> backend_;
@@ -42,6 +55,7 @@ class AvahiEngine {
     std::set<std::shared_ptr<ServiceBrowse>> browses_;
     std::deque<std::shared_ptr<ServiceResolution>> waiting_;
     std::set<std::shared_ptr<ServiceResolution>> inFlight_;
+    std::deque<std::shared_ptr<Watch>> watches_;
     PreferredAddresses preferred_;
 };
 

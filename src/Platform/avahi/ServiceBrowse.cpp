@@ -1,5 +1,6 @@
 #include "Platform/avahi/ServiceBrowse.h"
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
@@ -35,6 +36,16 @@ void ServiceBrowse::begin(AvahiBackend& backend) {
     if (hasFailed_) return;
     lookup_ = backend.browseServices(type_,
                                      [this, &backend](const ServiceEvent& event) { handle(backend, event); });
+}
+
+bool ServiceBrowse::lists(const std::string& name) const {
+    const auto isIt = [&](const Result& result) { return std::get<0>(result) == name; };
+    return std::any_of(reported_.begin(), reported_.end(), isIt);
+}
+
+void ServiceBrowse::renew(const std::string& name) {
+    renewed_.insert(name);
+    scheduleReport();
 }
 
 void ServiceBrowse::daemonLost() {
@@ -93,7 +104,17 @@ void ServiceBrowse::scheduleReport() {
 
 void ServiceBrowse::report() {
     isReportScheduled_ = false;
-    std::set<Result> now = visible();
+    const std::set<Result> now = visible();
+    const auto renewed = std::exchange(renewed_, {});
+    if (!renewed.empty()) {
+        std::set<Result> without = now;
+        std::erase_if(without, [&](const Result& result) { return renewed.contains(std::get<0>(result)); });
+        report(std::move(without));
+    }
+    report(now);
+}
+
+void ServiceBrowse::report(std::set<Result> now) {
     if (now == reported_) return;
     reported_ = std::move(now);
     std::vector<BrowseResult> results;

@@ -20,6 +20,14 @@ class ServiceBrowse : public std::enable_shared_from_this<ServiceBrowse> {
     /// Begins, or goes on with a new daemon.
     void begin(AvahiBackend& backend);
 
+    const std::string& type() const { return type_; }
+
+    /// Whether the name is among the results.
+    bool lists(const std::string& name) const;
+
+    /// Reports a name that is still listed as gone, and then as new: what it was resolved to holds no more.
+    void renew(const std::string& name);
+
     /// The daemon has gone: what it saw is kept until the next one had the time to find it again.
     void daemonLost();
 
@@ -39,6 +47,7 @@ class ServiceBrowse : public std::enable_shared_from_this<ServiceBrowse> {
     void handleFailure(AvahiBackend& backend, int error);
     void scheduleReport();
     void report();
+    void report(std::set<Result> now);
     std::set<Result> visible() const;
 
     AvahiThread& thread_;
@@ -51,6 +60,7 @@ class ServiceBrowse : public std::enable_shared_from_this<ServiceBrowse> {
     std::set<std::pair<Result, int>> seen_; // what this lookup sees, for each protocol
     std::set<Result> kept_;                 // what the lookup before it saw
     std::set<Result> reported_;
+    std::set<std::string> renewed_; // to be reported as gone first
     bool isReportScheduled_ = false;
     bool hasFailed_ = false;
 };

@@ -60,7 +60,7 @@ ServiceResolution::ServiceResolution(AvahiThread& thread, PreferredAddresses& pr
     , preferred_(preferred)
     , request_(std::move(request)) {}
 
-void ServiceResolution::begin(AvahiBackend& backend, std::function<void()> left) {
+void ServiceResolution::begin(AvahiBackend& backend, std::function<void(bool)> left) {
     backend_ = &backend;
     left_ = std::move(left);
     ++attempt_;
@@ -200,7 +200,7 @@ void ServiceResolution::finish(const ResolutionOutcome& outcome) {
     const auto self = shared_from_this(); // whoever holds it lets it go now
     const auto left = std::exchange(left_, nullptr);
     interrupt();
-    if (left) left();
+    if (left) left(!outcome.addresses.empty());
     request_.done(outcome);
 }
 

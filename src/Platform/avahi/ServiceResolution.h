@@ -35,9 +35,11 @@ class ServiceResolution : public std::enable_shared_from_this<ServiceResolution>
 
     ServiceResolution(AvahiThread& thread, PreferredAddresses& preferred, Request request);
 
+    const Request& request() const { return request_; }
+
     /// Goes to the network, from the start; the time counts from here. `left` is called once it has left it
-    /// by itself, never inside this call.
-    void begin(AvahiBackend& backend, std::function<void()> left);
+    /// by itself, never inside this call, and told whether it has found anything.
+    void begin(AvahiBackend& backend, std::function<void(bool hasSucceeded)> left);
 
     /// Leaves the network and forgets what it has learnt.
     void interrupt();
@@ -72,7 +74,7 @@ class ServiceResolution : public std::enable_shared_from_this<ServiceResolution>
     const Request request_;
 
     AvahiBackend* backend_ = nullptr; // present while on the network
-    std::function<void()> left_;
+    std::function<void(bool)> left_;
     std::uint64_t attempt_ = 0;
     Lookup service_;
     std::vector<Lookup> records_;

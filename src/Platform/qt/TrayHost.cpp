@@ -89,8 +89,8 @@ class TrayHost::ManagerFilter : public QAbstractNativeEventFilter {
 /// What the thread that connects to the session bus shares with us.
 struct TrayHost::Connecting {
     std::mutex mutex;
-    TrayHost* host; ///< null once it has gone
-    bool isDone = false;
+    TrayHost* host;                     ///< null once it has gone
+    std::optional<QDBusConnection> bus; ///< once it has answered, or has turned out not to be there
 };
 
 TrayHost::TrayHost(std::function<void(TrayProtocol)> found)
@@ -100,10 +100,9 @@ TrayHost::TrayHost(std::function<void(TrayProtocol)> found)
     startThread("tessary-bus", [connecting = connecting_] {
         const QDBusConnection bus = QDBusConnection::sessionBus();
         const std::lock_guard lock(connecting->mutex);
-        connecting->isDone = true;
-        if (TrayHost* host = connecting->host)
-            QMetaObject::invokeMethod(
-                host, [host, bus] { host->busIsConnected(bus); }, Qt::QueuedConnection);
+        connecting->bus = bus;
+        if (connecting->host)
+            QMetaObject::invokeMethod(connecting->host, "busHasAnswered", Qt::QueuedConnection);
     }).detach();
     QTimer::singleShot(patience, this, &TrayHost::watchXEmbedPanels);
 }
@@ -112,14 +111,17 @@ TrayHost::~TrayHost() {
     const std::lock_guard lock(connecting_->mutex);
     connecting_->host = nullptr;
     // At its end the process would wait for the bus to answer.
-    if (!connecting_->isDone) on_exit([](int status, void*) { _exit(status); }, nullptr);
+    if (!connecting_->bus) on_exit([](int status, void*) { _exit(status); }, nullptr);
 }
 
-void TrayHost::busIsConnected(const QDBusConnection& bus) {
+void TrayHost::busHasAnswered() {
     if (isSettled_) return;
-    if (!bus.isConnected()) return watchXEmbedPanels(); // nothing better will come
-    bus_ = bus;
-    watcher_.setConnection(bus);
+    {
+        const std::lock_guard lock(connecting_->mutex);
+        bus_ = connecting_->bus;
+    }
+    if (!bus_->isConnected()) return watchXEmbedPanels(); // nothing better will come
+    watcher_.setConnection(*bus_);
     watcher_.addWatchedService(watcherService);
     watcher_.setWatchMode(QDBusServiceWatcher::WatchForRegistration);
     connect(&watcher_, &QDBusServiceWatcher::serviceRegistered, this, &TrayHost::askForStatusNotifierHost);

@@ -32,8 +32,7 @@ class TrayHost : public QObject {
     class ManagerFilter;
     struct Connecting;
 
-    void busIsConnected(const QDBusConnection& bus);
-
+    Q_SLOT void busHasAnswered();
     Q_SLOT void askForStatusNotifierHost();
     void askForXEmbedPanel();
     void watchXEmbedPanels();
@@ -42,7 +41,7 @@ class TrayHost : public QObject {
     const std::function<void(TrayProtocol)> found_;
     bool isSettled_ = false;
     const std::shared_ptr<Connecting> connecting_;
-    std::optional<QDBusConnection> bus_; ///< absent without a bus, and before it has answered
+    std::optional<QDBusConnection> bus_; ///< once it has answered
     QDBusServiceWatcher watcher_;
     std::unique_ptr<ManagerFilter> managers_; ///< there once XEmbed will do
 };
