@@ -74,7 +74,8 @@ TEST_F(InstanceLockTest, TheRuntimeFolderComesFirst) {
     const std::string kept = before ? before : "";
     setenv("XDG_RUNTIME_DIR", folder.c_str(), 1);
     EXPECT_EQ(InstanceLock::defaultFolders("/p"), (std::vector<std::string>{folder, "/p"}));
-    for (const std::string& useless : {std::string("relative"), in("missing"), std::string()}) {
+    for (const std::string& useless :
+         {std::string("relative"), in("missing"), in(std::string(300, 'x')), std::string()}) {
         setenv("XDG_RUNTIME_DIR", useless.c_str(), 1);
         EXPECT_EQ(InstanceLock::defaultFolders("/p"), std::vector<std::string>{"/p"});
     }

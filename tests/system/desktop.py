@@ -12,7 +12,7 @@ import unittest
 
 from harness import BUILD, Process, Program, environment, until
 
-TOOLS = ("dbus-daemon", "Xvfb", "xfce4-panel", "trayer", "xdotool", "import", "convert", "busctl")
+TOOLS = ("dbus-daemon", "Xvfb", "xfce4-panel", "trayer", "xdotool", "import", "convert", "busctl", "gdbus")
 ITEM_INTERFACE, MENU_INTERFACE = "org.kde.StatusNotifierItem", "com.canonical.dbusmenu"
 WATCHER = "org.kde.StatusNotifierWatcher"
 PANEL = """<?xml version="1.0" encoding="UTF-8"?>
@@ -76,7 +76,9 @@ class Desktop:
         return self
 
     def start_display(self):
-        self.display = self.process("Xvfb", "-displayfd", "1", "-screen", "0", "480x320x24", "-nolisten", "tcp")
+        # By default it starts afresh whenever its last client leaves, and loses who connects at that moment.
+        self.display = self.process("Xvfb", "-displayfd", "1", "-noreset", "-screen", "0", "480x320x24",
+                                    "-nolisten", "tcp")
         self.variables["DISPLAY"] = ":" + self.display.wait_for(r"^(\d+)$")[1][1]
         return self
 
@@ -89,7 +91,7 @@ class Desktop:
 
     def run(self, *command):
         return subprocess.run(self.host.enter + [*command], check=True, env=environment(**self.variables),
-                              stdout=subprocess.PIPE, text=True).stdout
+                              stdout=subprocess.PIPE, text=True, timeout=10).stdout
 
     def program(self, **more):
         return Program(self._test, self.host, config=self.config, variables=self.variables | more)
@@ -165,6 +167,13 @@ class Desktop:
 
     def menu_event(self, event):
         self._menu("Event", "isvu", "0", event, "i", "0", "0")
+
+    def monitor(self):
+        """What the program tells of its item and its menu without being asked, a line each."""
+        service, _ = self.wait_for_item()
+        process = self.process("gdbus", "monitor", "--session", "--dest", service)
+        process.wait_for("is owned by")
+        return process
 
     def about_to_show(self):
         self._menu("AboutToShow", "i", "0")

@@ -114,7 +114,7 @@ class Process:
         if self.popen.poll() is None:
             self.signal(signal.SIGTERM)
             try:
-                self.wait(3)
+                self.wait(10)  # many devices take their time to withdraw
             except subprocess.TimeoutExpired:
                 self.kill()
 

@@ -47,6 +47,24 @@ class Discovery(SystemTest):
         program.wait_for(r"^.Dialer. dialing Piano \[10\.77\.2\.2\] → 10\.77\.2\.2:6000$")
         program.wait_for(r"^.Dialer. 10\.77\.2\.2 running$", times=2)
 
+    def test_device_that_returns_at_once_elsewhere(self):
+        """Its name never leaves the list. With a farewell, without, and to another address."""
+        desk, stage = self.network.host("10.77.2.1/24"), self.network.host("10.77.2.2/24")
+        program = Program(self, desk)
+        device = self.device(stage, "--name", "Piano")
+        program.wait_for(r"^.Dialer. 10\.77\.2\.2 running$")
+        device.end()
+        device = self.device(stage, "--name", "Piano", "--port", 6000)
+        device.wait_for("running with", 10)
+        device.kill()
+        device = self.device(stage, "--name", "Piano", "--port", 7000)
+        device.wait_for("running with", 10)
+        device.kill()
+        stage.ip("addr del 10.77.2.2/24 dev lan", "addr add 10.77.2.9/24 dev lan")
+        device = self.device(stage, "--name", "Piano", "--port", 7000)
+        device.wait_for("running with", 10)
+        self.assertEqual([line for line in program.lines if "didNotResolve" in line], [])
+
     def test_device_on_two_links(self):
         """Its two services must come to the same one of its addresses, whichever link is first where."""
         cable, radio = "10.77.2.{}/24", "10.77.3.{}/24"

@@ -1,14 +1,12 @@
 """The icon and the menu, in panels that are not ours and through a client that is not ours."""
-import os
 import pathlib
-import re
 import signal
 import subprocess
 import time
 import unittest
 
 from desktop import Desktop, contrast
-from harness import Capture, JackServer, SystemTest, environment, until
+from harness import JackServer, SystemTest, until
 
 ADDRESS = "10.78.0.{}"
 COMMANDS = ["-", "Auto-connect", "Reconnect Now", "-", "Start at Login", "-"]
@@ -26,9 +24,6 @@ class TrayTest(SystemTest):
         """A device at one of the stage's addresses; it plays nothing unless told."""
         options = options if "--play" in options else ("--play", "nothing", *options)
         return super().device(self.stage, "--name", name, "--address", ADDRESS.format(number), *options)
-
-    def log(self, program, pattern):
-        program.wait_for(pattern)
 
     def assertMenu(self, status, peers, has_event):
         """The whole menu, line by line."""
@@ -75,7 +70,17 @@ class MenuOnTheBus(TrayTest):
 
     def test_situations(self):
         self.assertMenu("○ No Tessary on network", ["No peers visible"], False)
-        self.device(2, "iPad", "--answer-delay", "3000")
+
+        # Seen, and nobody dials it any more.
+        leaver = self.device(7, "leaver", "--bye-after", "3")
+        self.program.wait_for("running$")
+        self.desktop.choose("Auto-connect")
+        self.assertMenu("◌ Searching for Tessary…", ["○ leaver"], True)
+        self.desktop.choose("Auto-connect")
+        leaver.end()
+        self.assertMenu("○ No Tessary on network", ["No peers visible"], True)
+
+        self.device(2, "iPad", "--answer-delay", "1000")
         self.assertMenu(f"◐ Connecting to {ADDRESS.format(2)}…", ["○ iPad"], True)
         self.assertMenu(f"● Connected: {ADDRESS.format(2)}", ["● iPad"], True)
 
@@ -111,7 +116,7 @@ class MenuOnTheBus(TrayTest):
 
     def test_commands(self):
         device = self.device(2, "iPad")
-        self.log(self.program, "running$")
+        self.program.wait_for("running$")
         entry = self.desktop.config / "autostart/tessary-link.desktop"
 
         self.desktop.choose("Reconnect Now")
@@ -144,22 +149,28 @@ class MenuOnTheBus(TrayTest):
 
     def test_a_panel_that_never_asks_and_one_that_never_closes(self):
         self.assertEqual(self.desktop.titles(opening=False)[2], "No peers visible")
+        # Panels keep what they have read, so the program has to tell them of what changes: of lines and of their texts.
+        told = self.desktop.monitor()
         first = self.device(2, "iPad")
+        told.wait_for("LayoutUpdated")
+        told.wait_for(rf"ItemsPropertiesUpdated.*● Connected: {ADDRESS.format(2)}")
+        told.wait_for("ItemsPropertiesUpdated.*● iPad")
         until(lambda: self.desktop.titles(opening=False)[:3] ==
               [f"● Connected: {ADDRESS.format(2)}", "-", "● iPad"], 10, "current without being asked")
 
         self.desktop.about_to_show()
+        shown, signals = self.desktop.titles(opening=False), len(told.times("Updated"))
         first.end()
-        shown = self.desktop.titles(opening=False)
-        until(lambda: self.program.times(r"\[RTPMIDI\] .*iPad.*|\[Dialer\] .*") and first.popen.poll() is not None, 5,
-              "the device has gone")
+        self.program.wait_for(f"peer {ADDRESS.format(2)} gone")
         self.assertEqual(self.desktop.titles(opening=False), shown, "it is open")
+        self.assertEqual(len(told.times("Updated")), signals, "it is open")
         self.desktop.menu_event("closed")
-        until(lambda: self.desktop.titles(opening=False)[2] == "No peers visible", 15, "current after it was closed")
+        told.wait_for("ItemsPropertiesUpdated.*No peers visible")
+        self.assertEqual(self.desktop.titles(opening=False)[2], "No peers visible")
 
         self.desktop.about_to_show()  # and it is never closed
         self.device(3, "Phone")
-        self.log(self.program, f"{ADDRESS.format(3)} running$")
+        self.program.wait_for(f"{ADDRESS.format(3)} running$")
         self.desktop.about_to_show()
         self.assertEqual(self.desktop.titles(opening=False)[2], "● Phone")
 
@@ -310,11 +321,16 @@ class Endings(TrayTest):
                 device.end()
 
     def test_a_session_bus_that_does_not_answer(self):
+        self.desktop.xembed_panel()
         self.desktop.bus.signal(signal.SIGSTOP)
         self.addCleanup(self.desktop.bus.signal, signal.SIGCONT)
         device = self.device(2, "iPad")
         program = self.desktop.program()
+        began = time.monotonic()
         program.wait_for("running$")
+        # Past the moment at which a panel that knows XEmbed alone would do.
+        self.device(3, "late", "--open-after", "11").wait_for("running with", 20)
+        self.assertGreater(time.monotonic() - began, 10)
         program.terminate()
         device.wait_for(r"bye from .*\(data\)")
 

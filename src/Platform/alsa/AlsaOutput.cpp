@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <optional>
 #include <string>
+#include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -107,8 +108,11 @@ AlsaOutput::~AlsaOutput() = default;
 
 bool AlsaOutput::isAvailable() {
     const int file = open("/dev/snd/seq", O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-    if (file >= 0) close(file);
-    return file >= 0;
+    if (file < 0) return false;
+    struct stat status {};
+    const bool isDevice = fstat(file, &status) == 0 && S_ISCHR(status.st_mode);
+    close(file);
+    return isDevice;
 }
 
 MIDIStatus AlsaOutput::createClient(std::string_view name, MIDIObjectRef& client) {

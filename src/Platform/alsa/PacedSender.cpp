@@ -21,7 +21,7 @@ bool isWhole(std::span<const std::uint8_t> message) {
 PacedSender::PacedSender(Send send)
     : send_(std::move(send)) {
     sem_init(&messages_, 0, 0);
-    thread_ = startThread("paced sender", [this] { run(); });
+    thread_ = startThread("tessary-alsa", [this] { run(); });
 }
 
 PacedSender::~PacedSender() {

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace tessary {
@@ -56,7 +57,9 @@ bool InstanceLock::lock() {
 std::vector<std::string> InstanceLock::defaultFolders(const std::string& preferences) {
     std::vector<std::string> folders;
     const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-    if (runtime && std::filesystem::path(runtime).is_absolute() && std::filesystem::is_directory(runtime))
+    std::error_code ignored; // a folder that may not be looked at is none to lock in
+    if (runtime && std::filesystem::path(runtime).is_absolute() &&
+        std::filesystem::is_directory(runtime, ignored))
         folders.emplace_back(runtime);
     folders.push_back(preferences);
     return folders;

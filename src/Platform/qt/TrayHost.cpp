@@ -104,7 +104,10 @@ TrayHost::TrayHost(std::function<void(TrayProtocol)> found)
         if (connecting->host)
             QMetaObject::invokeMethod(connecting->host, "busHasAnswered", Qt::QueuedConnection);
     }).detach();
-    QTimer::singleShot(patience, this, &TrayHost::watchXEmbedPanels);
+    QTimer::singleShot(patience, this, [this] {
+        isPatienceOver_ = true;
+        watchXEmbedPanels();
+    });
 }
 
 TrayHost::~TrayHost() {
@@ -120,7 +123,10 @@ void TrayHost::busHasAnswered() {
         const std::lock_guard lock(connecting_->mutex);
         bus_ = connecting_->bus;
     }
-    if (!bus_->isConnected()) return watchXEmbedPanels(); // nothing better will come
+    if (!bus_->isConnected()) {
+        isPatienceOver_ = true; // nothing better will come
+        return watchXEmbedPanels();
+    }
     watcher_.setConnection(*bus_);
     watcher_.addWatchedService(watcherService);
     watcher_.setWatchMode(QDBusServiceWatcher::WatchForRegistration);
@@ -128,6 +134,7 @@ void TrayHost::busHasAnswered() {
     bus_->connect(watcherService, watcherPath, watcherService, QStringLiteral("StatusNotifierHostRegistered"),
                   this, SLOT(askForStatusNotifierHost()));
     askForStatusNotifierHost();
+    if (isPatienceOver_) QTimer::singleShot(std::chrono::seconds(1), this, &TrayHost::watchXEmbedPanels);
 }
 
 void TrayHost::askForStatusNotifierHost() {
@@ -146,7 +153,9 @@ void TrayHost::askForStatusNotifierHost() {
 }
 
 void TrayHost::watchXEmbedPanels() {
-    if (isSettled_ || managers_ || !displayConnection()) return;
+    // Qt asks the bus once more when it makes the tray's object, so a bus that has not answered must not be
+    // asked.
+    if (isSettled_ || managers_ || !bus_ || !isPatienceOver_ || !displayConnection()) return;
     managers_ = std::make_unique<ManagerFilter>(displayConnection(), [this] {
         QTimer::singleShot(0, this, &TrayHost::askForXEmbedPanel); // not inside the event's delivery
     });

@@ -40,6 +40,7 @@ class TrayHost : public QObject {
 
     const std::function<void(TrayProtocol)> found_;
     bool isSettled_ = false;
+    bool isPatienceOver_ = false; ///< with desktops that may yet start a StatusNotifier host
     const std::shared_ptr<Connecting> connecting_;
     std::optional<QDBusConnection> bus_; ///< once it has answered
     QDBusServiceWatcher watcher_;
