@@ -65,7 +65,8 @@ class Desktop:
         self.config = self.directory / "config"
         self.data = self.directory / "data"
         self.variables = {"HOME": str(self.directory), "XDG_CONFIG_HOME": str(self.config),
-                          "XDG_DATA_HOME": str(self.data), "XDG_RUNTIME_DIR": str(runtime)}
+                          "XDG_DATA_HOME": str(self.data), "XDG_RUNTIME_DIR": str(runtime),
+                          "XDG_CURRENT_DESKTOP": "XFCE"}
         self.bus = self.display = None
 
     def start_bus(self):
