@@ -1,9 +1,18 @@
 #include "Platform/qt/JSONPreferences.h"
 
+#include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <random>
+#include <sched.h>
+#include <set>
 #include <sstream>
+#include <sys/fsuid.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 using namespace tessary;
@@ -23,6 +32,13 @@ class JSONPreferencesTest : public testing::Test {
     void write(const std::string& text) const {
         fs::create_directories(file.parent_path());
         std::ofstream(file) << text;
+    }
+    /// Everything in the file's folder, for what must not be there.
+    std::set<std::string> listed() const {
+        std::set<std::string> names;
+        for (const auto& entry : fs::directory_iterator(file.parent_path()))
+            names.insert(entry.path().filename());
+        return names;
     }
     static std::string read(const fs::path& path) {
         std::stringstream text;
@@ -101,4 +117,100 @@ TEST_F(JSONPreferencesTest, WhatCannotBeSavedStillHoldsForThisRun) {
     JSONPreferences preferences(file);
     preferences.setNumber("a", 5);
     EXPECT_EQ(preferences.number("a"), 5);
+}
+
+TEST_F(JSONPreferencesTest, OnAFullDiskTheOldFileStaysWhole) {
+    fs::create_directories(file.parent_path());
+    const pid_t child = fork(); // whose mounts are its own
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        const std::string place = file.parent_path();
+        if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("none", place.c_str(), "tmpfs", 0, "size=16k") != 0)
+            _exit(77);
+        int wrong = 0;
+        for (const std::string old : {R"({"a": 1})", "{\"a\": 1"}) {
+            write(old);
+            const fs::path filler = file.parent_path() / "filler";
+            std::ofstream(filler) << std::string(16 * 1024, 'x'); // as much as there is room for
+            JSONPreferences preferences(file);
+            preferences.setNumber("a", 2);
+            preferences.setTexts("b", {"10.0.0.2"});
+            if (read(file) != old || listed() != std::set<std::string>{"filler", "preferences.json"})
+                wrong |= 1;
+            if (preferences.number("a") != 2) wrong |= 2;
+            fs::remove(filler);
+            preferences.setNumber("c", 3); // there is room again, and what was not saved is saved too
+            const JSONPreferences next(file);
+            if (next.number("a") != 2 || next.number("c") != 3 || !next.array("b")) wrong |= 4;
+        }
+        if (read(file.string() + ".unreadable") != "{\"a\": 1") wrong |= 8;
+        _exit(wrong);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "needs root for a small file system of its own";
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+TEST_F(JSONPreferencesTest, InAReadOnlyFolderTheOldFileStaysAndTheValueHolds) {
+    for (const std::string old : {R"({"a": 1})", "{"}) {
+        write(old);
+        fs::permissions(file.parent_path(), fs::perms{0555});
+        fs::permissions(folder, fs::perms{0755});
+        const int self = setfsuid(65534); // root may write anywhere
+        JSONPreferences preferences(file);
+        preferences.setNumber("a", 2);
+        setfsuid(static_cast<uid_t>(self));
+        EXPECT_EQ(preferences.number("a"), 2);
+        EXPECT_EQ(read(file), old);
+        EXPECT_EQ(listed(), std::set<std::string>{"preferences.json"});
+        fs::permissions(file.parent_path(), fs::perms{0755});
+    }
+}
+
+TEST_F(JSONPreferencesTest, KilledWhileWritingItLeavesTheOldFileOrTheNewOne) {
+    std::minstd_rand random(1);
+    const std::vector<std::string> many(2000, "10.0.0.2"); // some pages
+    int olds = 0, news = 0;
+    for (int round = 0; round < 200; ++round) {
+        const std::string old = round % 2 == 0 ? R"({"number": 1, "theirs": true})" : "{\"number\": 1";
+        fs::remove_all(file.parent_path());
+        write(old);
+        int ready[2];
+        ASSERT_EQ(pipe(ready), 0);
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            JSONPreferences preferences(file);
+            if (::write(ready[1], "", 1) != 1) _exit(1);
+            preferences.setTexts("many", many);
+            _exit(0);
+        }
+        char byte = 0;
+        ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+        close(ready[0]);
+        close(ready[1]);
+        // The moment of death is the point here, and is left to chance.
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 4000));
+        kill(child, SIGKILL);
+        ASSERT_EQ(waitpid(child, nullptr, 0), child);
+
+        if (read(file) == old) {
+            ++olds;
+            continue;
+        }
+        ++news;
+        const JSONPreferences after(file);
+        ASSERT_TRUE(after.array("many")) << "round " << round << ": neither the old nor the new, but "
+                                         << (fs::exists(file) ? read(file).substr(0, 80) : "nothing");
+        EXPECT_EQ(after.array("many")->size(), many.size());
+        if (round % 2 == 0)
+            EXPECT_EQ(after.number("number"), 1);
+        else
+            EXPECT_EQ(read(file.string() + ".unreadable"), old);
+    }
+    EXPECT_GT(olds, 0); // or the moments say nothing
+    EXPECT_GT(news, 0);
 }

@@ -191,8 +191,9 @@ class Panels(TrayTest):
         self.desktop.install_icons()  # the symbolic one, which the panel recolours
         for look in ("light", "dark"):
             with self.subTest(look):
+                self.desktop.run("xdotool", "mousemove", "0", "300")  # on the icon it would bring up the tool tip
+                blank = self.settled(f"blank-{look}")
                 panel = self.desktop.xfce_panel(dark=look == "dark")
-                blank = self.desktop.screenshot(f"blank-{look}")
                 until(lambda: (now := self.desktop.screenshot(f"panel-{look}")).differing(blank), 20, "the panel")
                 empty = self.settled(f"panel-{look}")
                 program = self.desktop.program()

@@ -9,7 +9,9 @@
 #include <QSaveFile>
 #include <QStandardPaths>
 #include <cmath>
+#include <filesystem>
 #include <limits>
+#include <system_error>
 
 namespace tessary {
 
@@ -35,11 +37,14 @@ QString target(const QString& path) {
     return real.isEmpty() ? path : real;
 }
 
+/// Gives the file a second name, so that there is a file at every moment until the new one takes the first.
 void setAside(const QString& path) {
     QString other = path + QStringLiteral(".unreadable");
     for (int i = 2; QFileInfo::exists(other); ++i)
         other = path + QStringLiteral(".unreadable-%1").arg(i);
-    QFile::rename(path, other);
+    std::error_code error;
+    std::filesystem::create_hard_link(path.toStdString(), other.toStdString(), error);
+    if (error) QFile::rename(path, other); // a file system without links
 }
 
 } // namespace
@@ -103,6 +108,7 @@ void JSONPreferences::save() {
     QSaveFile file(*path_);
     if (!file.open(QIODevice::WriteOnly)) return;
     file.write(QJsonDocument(next).toJson());
+    if (!file.flush()) return; // the disk is full: the old one stays where it is
     if (!present) setAside(*path_);
     file.commit();
 }
