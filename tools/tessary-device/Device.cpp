@@ -123,12 +123,7 @@ void Device::openPorts() {
 }
 
 void Device::closePorts() {
-    while (!sessions_.empty())
-        end(sessions_.back());
-    std::error_code ignored;
-    for (const auto& link : links_)
-        for (const Port port : {Port::control, Port::data})
-            (*link)[port].socket.close(ignored);
+    closeSockets();
     print("ports closed");
 }
 
@@ -245,8 +240,16 @@ void Device::end(const SessionRef& session) {
 void Device::sayBye() {
     for (const SessionRef& session : sessions_)
         sayBye(*session);
+    closeSockets();
+}
+
+void Device::closeSockets() {
     while (!sessions_.empty())
         end(sessions_.back());
+    std::error_code ignored;
+    for (const auto& link : links_)
+        for (const Port port : {Port::control, Port::data})
+            (*link)[port].socket.close(ignored);
 }
 
 void Device::sayBye(const Session& session) {
@@ -306,8 +309,11 @@ void Device::playNextDatagram(Session& session) {
     std::uint64_t count = options_.messagesPerDatagram;
     if (options_.messages > 0) count = std::min(count, options_.messages - session.nextMessage);
     std::vector<MIDIMessage> messages;
-    for (; count > 0; --count)
+    for (; count > 0; --count) {
         messages.push_back(messageAt(options_.play, session.nextMessage++, options_.sysexSize));
+        if (auto& message = messages.back(); !message.empty() && message[0] < 0xF0)
+            message[0] = static_cast<std::uint8_t>((message[0] & 0xF0) | (options_.channel - 1));
+    }
     messagesSent_ += messages.size();
     session.writer.write(messages, static_cast<std::uint32_t>(timestamp()),
                          [&](std::span<const std::uint8_t> datagram) {

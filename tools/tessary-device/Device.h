@@ -39,6 +39,7 @@ struct DeviceOptions {
     std::size_t messagesPerDatagram = 1;
     std::uint64_t messages = 0; // for each session; 0: without end
     std::size_t sysexSize = 256;
+    std::uint8_t channel = 1; // 1 to 16, of all its channel messages
     bool startsClock = false;
     bool waitsForClock = false;
 
@@ -73,7 +74,8 @@ class Device {
     /// context.)
     void start();
 
-    /// Sends BY on both ports to every session and forgets them all.
+    /// Sends BY on both ports to every session, forgets them all and closes the ports: an invitation that
+    /// comes now is to find nobody there, instead of a socket that nobody reads any more.
     void sayBye();
 
     /// Prints what was sent in all.
@@ -89,6 +91,7 @@ class Device {
     void announce();
     void openPorts();
     void closePorts();
+    void closeSockets();
     void receive(Link& link, Port port);
     void received(Link& link, Port port, std::span<const std::uint8_t> datagram, const UDP::endpoint& from);
 

@@ -25,7 +25,8 @@ constexpr std::size_t smallestSysex = 3;
 /// many notes off.
 constexpr std::size_t notesPerChord = 3;
 
-/// Message number `i`, counted from 0 for each session. All on MIDI channel 1.
+/// Message number `i`, counted from 0 for each session. All on MIDI channel 1;
+/// a device may move them to another.
 ///
 ///     scale    i even: note on, i odd: note off of the same note; the notes are C major from 60 up to 72,
 ///              over and over; the velocity of both is i mod 127 + 1

@@ -50,6 +50,7 @@ What it plays
   --messages N          stop playing after N messages to a session (default 0: never)
   --sysex-size BYTES    length of a System Exclusive, F0 and F7 included (default 256); one above
                         1200 goes in segments
+  --channel N           MIDI channel of what it plays, 1 to 16 (default 1)
   --clock               start clock exchanges too: after the data invitation and every 10 s
   --wait-for-clock      play nothing before such an exchange was answered (implies --clock)
 
@@ -189,6 +190,10 @@ CommandLine parse(const std::vector<std::string>& arguments) {
         {"--messages",
          [&](Text option, Text value) {
              device.messages = numberFrom<std::uint64_t>(option, value, 0, 1'000'000'000'000);
+         }},
+        {"--channel",
+         [&](Text option, Text value) {
+             device.channel = static_cast<std::uint8_t>(numberFrom(option, value, 1, 16));
          }},
         {"--sysex-size",
          [&](Text option, Text value) {

@@ -31,11 +31,12 @@ class AvahiEngine {
     void remove(const std::shared_ptr<ServiceResolution>& resolution);
 
   private:
-    /// A service that was resolved, and where it was then.
+    /// A service that was resolved, and where it was then; or one that could not be found.
     struct Watch {
         std::string name;
         std::string type;
         std::string domain;
+        bool isMissing = false;
         std::string host = {}; // empty until the lookup has found it
         std::uint16_t port = 0;
         Lookup lookup = nullptr;
@@ -45,7 +46,12 @@ class AvahiEngine {
     void ready();
     void lost();
     void beginResolutions();
-    void watch(const ServiceResolution::Request& resolved);
+    bool makeRoom();
+    void drop(const std::string& type, const std::set<std::string>& names);
+    bool hasFailed(const ServiceResolution& resolution) const;
+    void noteFailure(const ServiceResolution& resolution);
+    void noteOutcome(const ServiceResolution& resolution, ServiceResolution::Found found);
+    void watch(const ServiceResolution::Request& request, bool isMissing);
     void begin(const std::shared_ptr<Watch>& watch);
     void handle(const std::shared_ptr<Watch>& watch, const HostEvent& event);
 
@@ -54,8 +60,10 @@ class AvahiEngine {
     int error_ = AVAHI_OK; // why there is no backend
     std::set<std::shared_ptr<ServiceBrowse>> browses_;
     std::deque<std::shared_ptr<ServiceResolution>> waiting_;
-    std::set<std::shared_ptr<ServiceResolution>> inFlight_;
+    std::deque<std::shared_ptr<ServiceResolution>> inFlight_; // the newest last
     std::deque<std::shared_ptr<Watch>> watches_;
+    std::deque<std::shared_ptr<Watch>> missing_;
+    std::set<std::pair<std::string, std::string>> failed_; // types and names
     PreferredAddresses preferred_;
 };
 

@@ -1,6 +1,5 @@
 #include "Platform/avahi/ServiceBrowse.h"
 
-#include <algorithm>
 #include <utility>
 #include <vector>
 
@@ -39,8 +38,8 @@ void ServiceBrowse::begin(AvahiBackend& backend) {
 }
 
 bool ServiceBrowse::lists(const std::string& name) const {
-    const auto isIt = [&](const Result& result) { return std::get<0>(result) == name; };
-    return std::any_of(reported_.begin(), reported_.end(), isIt);
+    const auto first = reported_.lower_bound({name, {}, 0});
+    return first != reported_.end() && std::get<0>(*first) == name;
 }
 
 void ServiceBrowse::renew(const std::string& name) {
@@ -105,6 +104,7 @@ void ServiceBrowse::scheduleReport() {
 void ServiceBrowse::report() {
     isReportScheduled_ = false;
     const std::set<Result> now = visible();
+    const std::set<Result> before = reported_;
     const auto renewed = std::exchange(renewed_, {});
     if (!renewed.empty()) {
         std::set<Result> without = now;
@@ -112,6 +112,11 @@ void ServiceBrowse::report() {
         report(std::move(without));
     }
     report(now);
+
+    std::set<std::string> gone;
+    for (const auto& [name, domain, interface] : before)
+        if (!lists(name)) gone.insert(name);
+    if (!gone.empty() && goneHandler_) goneHandler_(gone);
 }
 
 void ServiceBrowse::report(std::set<Result> now) {

@@ -22,6 +22,11 @@ class ServiceBrowse : public std::enable_shared_from_this<ServiceBrowse> {
 
     const std::string& type() const { return type_; }
 
+    /// Called when names have left the list, on the Avahi thread.
+    void whenGone(std::function<void(const std::set<std::string>&)> handler) {
+        goneHandler_ = std::move(handler);
+    }
+
     /// Whether the name is among the results.
     bool lists(const std::string& name) const;
 
@@ -63,6 +68,7 @@ class ServiceBrowse : public std::enable_shared_from_this<ServiceBrowse> {
     std::set<std::string> renewed_; // to be reported as gone first
     bool isReportScheduled_ = false;
     bool hasFailed_ = false;
+    std::function<void(const std::set<std::string>&)> goneHandler_;
 };
 
 } // namespace tessary

@@ -60,14 +60,19 @@ ServiceResolution::ServiceResolution(AvahiThread& thread, PreferredAddresses& pr
     , preferred_(preferred)
     , request_(std::move(request)) {}
 
-void ServiceResolution::begin(AvahiBackend& backend, std::function<void(bool)> left) {
+void ServiceResolution::begin(AvahiBackend& backend, std::function<void(Found)> left) {
     backend_ = &backend;
     left_ = std::move(left);
     ++attempt_;
+    begun_ = SteadyClock::now();
     after(request_.timeout, &ServiceResolution::handleTimeout);
     after(request_.timeout / 2, &ServiceResolution::handleHalfTime);
     service_ = backend.resolveService(request_.name, request_.type, request_.domain,
                                       [this](const HostEvent& event) { handleHost(event); });
+}
+
+bool ServiceResolution::isUnanswered(std::chrono::nanoseconds time) const {
+    return host_.empty() && SteadyClock::now() - begun_ >= time;
 }
 
 void ServiceResolution::interrupt() {
@@ -82,9 +87,11 @@ void ServiceResolution::interrupt() {
 
 void ServiceResolution::handleHost(const HostEvent& event) {
     if (event.error != AVAHI_OK) return handleError(event.error);
-    if (!host_.empty()) return;
+    port_ = event.port; // it may come a second time: the device has moved meanwhile
+    if (host_ == lowerCase(event.host)) return;
+    records_.clear();
+    addresses_.clear();
     host_ = lowerCase(event.host);
-    port_ = event.port;
     browseAddresses(AVAHI_DNS_TYPE_A);
     if (isLate_) browseAddresses(AVAHI_DNS_TYPE_AAAA);
 }
@@ -199,8 +206,11 @@ void ServiceResolution::fail(int error) {
 void ServiceResolution::finish(const ResolutionOutcome& outcome) {
     const auto self = shared_from_this(); // whoever holds it lets it go now
     const auto left = std::exchange(left_, nullptr);
+    const Found found = !outcome.addresses.empty() ? Found::addresses
+                        : host_.empty()            ? Found::nothing
+                                                   : Found::hostOnly;
     interrupt();
-    if (left) left(!outcome.addresses.empty());
+    if (left) left(found);
     request_.done(outcome);
 }
 

@@ -33,13 +33,19 @@ class ServiceResolution : public std::enable_shared_from_this<ServiceResolution>
         std::function<void(const ResolutionOutcome&)> done;
     };
 
+    /// What it has found when it ends by itself.
+    enum class Found { nothing, hostOnly, addresses };
+
     ServiceResolution(AvahiThread& thread, PreferredAddresses& preferred, Request request);
 
     const Request& request() const { return request_; }
 
     /// Goes to the network, from the start; the time counts from here. `left` is called once it has left it
-    /// by itself, never inside this call, and told whether it has found anything.
-    void begin(AvahiBackend& backend, std::function<void(bool hasSucceeded)> left);
+    /// by itself, never inside this call, and told what it has found.
+    void begin(AvahiBackend& backend, std::function<void(Found)> left);
+
+    /// Whether it has been on the network for that long without hearing of the service.
+    bool isUnanswered(std::chrono::nanoseconds time) const;
 
     /// Leaves the network and forgets what it has learnt.
     void interrupt();
@@ -74,13 +80,14 @@ class ServiceResolution : public std::enable_shared_from_this<ServiceResolution>
     const Request request_;
 
     AvahiBackend* backend_ = nullptr; // present while on the network
-    std::function<void(bool)> left_;
+    std::function<void(Found)> left_;
     std::uint64_t attempt_ = 0;
     Lookup service_;
     std::vector<Lookup> records_;
     std::string host_; // in lower case
     std::uint16_t port_ = 0;
     std::set<Address> addresses_;
+    SteadyClock::time_point begun_;
     SteadyClock::time_point lastChange_;
     bool isLate_ = false;
 };
