@@ -1,7 +1,7 @@
 #include "Platform/jack/JackOutput.h"
 
-#include "Platform/jack/JackLibrary.h"
 #include "Platform/MIDIRing.h"
+#include "Platform/jack/JackLibrary.h"
 
 #include <atomic>
 #include <cerrno>
