@@ -40,14 +40,11 @@ void removeStale(Published<Map>& map, const std::set<std::string>& names) {
     });
 }
 
-/// Stores a value under a name; an equal one takes the place of the old without a notification.
 template <typename Map>
 void assign(Published<Map>& map, const std::string& name, typename Map::mapped_type value) {
     map.modify([&](Map& entries) {
-        const auto found = entries.find(name);
-        const bool changed = found == entries.end() || !(found->second == value);
         entries.insert_or_assign(name, std::move(value));
-        return changed;
+        return true;
     });
 }
 
@@ -64,10 +61,8 @@ void PeerDiscovery::start() {
     if (*appleMidiBrowser) return;
     appleMidiBrowser = makeBrowser(appleMidiType);
     linkBrowser = makeBrowser(linkType);
-    if (*appleMidiBrowser)
-        (*appleMidiBrowser)
-            ->start(queue_, handlersFor(appleMidiType, &PeerDiscovery::handleAppleMidiResults));
-    if (*linkBrowser) (*linkBrowser)->start(queue_, handlersFor(linkType, &PeerDiscovery::handleLinkResults));
+    (*appleMidiBrowser)->start(queue_, handlersFor(appleMidiType, &PeerDiscovery::handleAppleMidiResults));
+    (*linkBrowser)->start(queue_, handlersFor(linkType, &PeerDiscovery::handleLinkResults));
 }
 
 std::shared_ptr<ServiceBrowser> PeerDiscovery::makeBrowser(const std::string& type) {

@@ -46,7 +46,7 @@ RTPMIDIDialer::RTPMIDIDialer(const Platform& platform, std::shared_ptr<PeerDisco
     , coreMIDI_(std::move(coreMIDI)) {}
 
 RTPMIDIDialer::~RTPMIDIDialer() {
-    if (pollTimer_) pollTimer_->cancel();
+    pollTimer_->cancel();
     stopAll();
 }
 
@@ -111,9 +111,6 @@ void RTPMIDIDialer::startSession(const PeerHost& peer) {
 
 void RTPMIDIDialer::handleSessionState(const std::string& ip, const RTPMIDISession::State& state) {
     switch (state.which) {
-    case RTPMIDISession::Case::idle:
-        sessions_.erase(ip);
-        break;
     case RTPMIDISession::Case::invitingControl:
     case RTPMIDISession::Case::invitingData:
     case RTPMIDISession::Case::syncing:
@@ -124,6 +121,8 @@ void RTPMIDIDialer::handleSessionState(const std::string& ip, const RTPMIDISessi
         break;
     case RTPMIDISession::Case::failed:
         log(ip + " failed: " + state.reason);
+        [[fallthrough]];
+    case RTPMIDISession::Case::idle:
         sessions_.erase(ip);
         break;
     }

@@ -108,11 +108,11 @@ void RTPMIDISession::stop() {
     if (ckTimer_) std::exchange(ckTimer_, nullptr)->cancel();
     if (controlToken_ != 0 && controlConn_) send({AppleMIDIPacket::Bye{controlToken_, ssrc_}}, *controlConn_);
     if (dataToken_ != 0 && dataConn_) send({AppleMIDIPacket::Bye{dataToken_, ssrc_}}, *dataConn_);
-    if (controlConn_ || dataConn_) {
+    if (controlConn_) { // the other one exists only beside it
         platform_.network.backgroundQueue().postAfter(
             cancellationDelay,
             [control = std::exchange(controlConn_, nullptr), data = std::exchange(dataConn_, nullptr)] {
-                if (control) control->cancel();
+                control->cancel();
                 if (data) data->cancel();
             });
     }

@@ -181,7 +181,9 @@ TEST_F(CoreMIDIBridgeTest, ADoubledDatagramIsNotJoinedTwice) {
     list("F0 01 F0", 1);
     list("F7 02 F0", 2);
     list("F7 02 F0", 2);
-    list("F0 01 F0", 1); // late
+    list("F0 01 F0", 1);                                         // late
+    EXPECT_EQ(list("F7 7F F7", 1), Messages{});                  // late, the end of the message before
+    EXPECT_EQ(list("F0 7E F7", 2), Messages{"F0 7E F7"_packet}); // late, and whole in itself
     EXPECT_EQ(list("F7 03 F7", 3), Messages{"F0 01 02 03 F7"_packet});
 }
 

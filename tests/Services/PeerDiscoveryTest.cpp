@@ -154,6 +154,9 @@ TEST_F(PeerDiscoveryTest, TakesTheFirstWholeIPv4RecordAndAPortThatIsOne) {
         EXPECT_EQ(peers(), Peers{}) << port;
     }
     see(midi, {"iPad"});
+    resolver(midi, "iPad").succeedWith({{ipv6Proper}}, 5004); // no address that can be dialled
+    EXPECT_EQ(peers(), Peers{});
+    see(midi, {"iPad"});
     resolver(midi, "iPad").succeed({"10.0.0.2"}, 65535);
     EXPECT_EQ(peers(), Peers{"10.0.0.2 iPad 65535"});
 }
@@ -219,4 +222,8 @@ TEST_F(PeerDiscoveryTest, PostedWorkHoldsTheDiscoveryAndNothingElseDoes) {
     EXPECT_TRUE(weak.expired());
     late({{"late", midi, "local.", 2}});
     EXPECT_EQ(machine.mainQueue->waiting(), 0u);
+    EXPECT_TRUE(resolver(midi, "iPad").isStopped);
+    resolver(midi, "iPad").succeed({"10.0.0.2"}, 5004);
+    resolver(midi, "iPad").fail("late");
+    EXPECT_TRUE(machine.log.lines.empty());
 }

@@ -198,6 +198,24 @@ TEST_F(RTPMIDIDialerTest, ALateReportOfAnOldSessionTouchesNoNewerOne) {
     EXPECT_EQ(status(), (DialerStatus{Status::connected, "10.0.0.2"}));
 }
 
+TEST_F(RTPMIDIDialerTest, ALateReportOfASessionWithoutAPlaceMakesNone) {
+    appear("10.0.0.2");
+    acceptAll("10.0.0.2");
+    std::size_t lines = 0;
+    machine.midiOutput.duringPublish = [&] {
+        machine.serviceDiscovery.browser("_apple-midi._udp").see({});
+        machine.serviceDiscovery.queue->runOne();
+        while (machine.mainQueue->runOne()) {
+        }
+        lines = machine.log.lines.size();
+    };
+    connection("10.0.0.2", 51205)->deliver("8061 0001 00000000 000000AA 03 903C64"_packet);
+    machine.time.advance(3s);
+    EXPECT_EQ(dialerLines(), (Lines{dialing, "10.0.0.2 running", "peer 10.0.0.2 gone — stopping session"}));
+    EXPECT_EQ(machine.log.lines.size(), lines);
+    EXPECT_EQ(status(), (DialerStatus{Status::idle, ""}));
+}
+
 TEST_F(RTPMIDIDialerTest, SumsUpSeveralSessions) {
     appear("10.0.0.2", "a");
     appear("10.0.0.12", "b");
@@ -217,8 +235,13 @@ TEST_F(RTPMIDIDialerTest, LettingGoSilencesEverything) {
     const auto control = connection("10.0.0.2", 51204), data = connection("10.0.0.2", 51205);
     const auto lines = machine.log.lines;
     const auto changed = *discovery->peersDidChange;
+    const auto ticks = machine.mainQueue->ticksOnTheirWay();
+    const auto received = data->handlers().received;
     dialer.reset();
     changed();
+    for (const auto& tick : ticks)
+        tick();
+    received("8061 0001 00000000 000000AA 03 903C64"_packet, {});
     data->deliver("8061 0001 00000000 000000AA 03 903C64"_packet);
     machine.time.advance(5s);
     EXPECT_EQ(control->sentOf<Bye>().size(), 1u);

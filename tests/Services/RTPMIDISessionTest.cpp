@@ -136,6 +136,37 @@ TEST_F(RTPMIDISessionTest, AcceptancesThatOvertakeTheMainThreadAreNotLost) {
     EXPECT_EQ(states, (States{Case::invitingControl, Case::invitingData, Case::syncing}));
 }
 
+TEST_F(RTPMIDISessionTest, AStrangeAcceptanceThatOvertakesTheMainThreadIsNotHeld) {
+    machine.mainQueue->holdBack();
+    session->start();
+    machine.time.run();
+    control()->deliver({AppleMIDIPacket::Accept{lastToken(control()) + 1, peerSSRC, ""}});
+    machine.time.run();
+    machine.mainQueue->release();
+    machine.time.run();
+    EXPECT_EQ(data(), nullptr);
+
+    machine.mainQueue->holdBack();
+    acceptOn(control());
+    machine.time.run();
+    data()->deliver({AppleMIDIPacket::Accept{lastToken(data()) + 1, peerSSRC, ""}});
+    machine.time.run();
+    machine.mainQueue->release();
+    machine.time.run();
+    EXPECT_EQ(states, (States{Case::invitingControl, Case::invitingData}));
+
+    // The session has ended, and its end is not stored yet.
+    const auto controlPort = control(), dataPort = data();
+    machine.mainQueue->holdBack();
+    session->stop();
+    acceptOn(controlPort);
+    acceptOn(dataPort);
+    machine.time.run();
+    machine.mainQueue->release();
+    machine.time.run();
+    EXPECT_EQ(states.back(), Case::idle);
+}
+
 TEST_F(RTPMIDISessionTest, AHeldAcceptanceIsForgottenOnceTheSessionEnds) {
     for (const int ending : {0, 1, 2}) {
         SCOPED_TRACE(ending);
@@ -250,10 +281,70 @@ TEST_F(RTPMIDISessionTest, HandsOnEveryDatagramOfTheDataPortThatIsNoSessionPacke
     data()->deliver(Bytes{});
     data()->deliver("FFFF 'X'"_packet);
     data()->deliver("FFFF 'XX' 00000002"_packet);
+    data()->deliver("FF00 0001"_packet);
     data()->deliver("8061 0001 00000000 000000AA 03 903C64"_packet);
     control()->deliver("8061 0001 00000000 000000AA 03 903C64"_packet);
     machine.time.run();
-    EXPECT_EQ(midi, (std::vector<Bytes>{"FFFF 'X'"_packet, "8061 0001 00000000 000000AA 03 903C64"_packet}));
+    EXPECT_EQ(midi, (std::vector<Bytes>{"FFFF 'X'"_packet, "FF00 0001"_packet,
+                                        "8061 0001 00000000 000000AA 03 903C64"_packet}));
+
+    session->midiPacketReceived = {}; // nobody listens
+    data()->deliver("8061 0001 00000000 000000AA 03 903C64"_packet);
+    machine.time.run();
+    EXPECT_EQ(midi.size(), 3u);
+}
+
+TEST_F(RTPMIDISessionTest, ThePeerInvitesInVainAndHasTheClockOnOnePortAlone) {
+    runSession();
+    const auto sent = control()->sent.size() + data()->sent.size();
+    const auto lines = machine.log.lines;
+    for (const auto& connection : {control(), data()})
+        connection->deliver({Invitation{77, peerSSRC, "iPad"}});
+    control()->deliver({ClockSync{peerSSRC, 0, 1, 0, 0}});
+    machine.time.run();
+    EXPECT_EQ(control()->sent.size() + data()->sent.size(), sent);
+    EXPECT_EQ(machine.log.lines, lines);
+    EXPECT_EQ(states.back(), Case::running);
+}
+
+TEST_F(RTPMIDISessionTest, WhatIsOnItsWayWhenItEndsDoesNothing) {
+    for (const bool isReleased : {false, true}) {
+        SCOPED_TRACE(isReleased);
+        states.clear();
+        session = makeSession();
+        runSession();
+        const auto controlPort = control(), dataPort = data();
+        const auto controlHandlers = controlPort->handlers(), dataHandlers = dataPort->handlers();
+        const auto ticks = queue->ticksOnTheirWay();
+        session->stop();
+        if (isReleased) session.reset();
+        machine.time.advance(1s);
+        const auto sent = controlPort->sent.size() + dataPort->sent.size();
+        const auto lines = machine.log.lines;
+        const auto reported = states;
+        for (const auto& handlers : {controlHandlers, dataHandlers}) {
+            handlers.stateDidChange(ConnectionState::ready, {});
+            handlers.stateDidChange(ConnectionState::cancelled, {});
+        }
+        for (const auto& tick : ticks)
+            tick();
+        const auto acceptance = AppleMIDIPacket{AppleMIDIPacket::Accept{1, peerSSRC, ""}}.encode();
+        EXPECT_EQ(controlHandlers.received(acceptance, {}), isReleased ? Receive::stop : Receive::again);
+        EXPECT_EQ(dataHandlers.received(acceptance, {}), isReleased ? Receive::stop : Receive::again);
+        machine.time.advance(1s);
+        EXPECT_EQ(controlPort->sent.size() + dataPort->sent.size(), sent);
+        EXPECT_EQ(machine.log.lines, lines);
+        EXPECT_EQ(states, reported);
+    }
+    // A connection that has gone itself.
+    session = makeSession();
+    session->start();
+    const auto stateDidChange = control()->handlers().stateDidChange;
+    session->stop();
+    session.reset();
+    machine.time.advance(1s);
+    EXPECT_EQ(control(), nullptr);
+    stateDidChange(ConnectionState::ready, {});
 }
 
 TEST_F(RTPMIDISessionTest, AReceiveErrorEndsThatReceiveLoopAlone) {

@@ -83,6 +83,14 @@ class VirtualTime::VirtualQueue : public TimerQueue, public std::enable_shared_f
         return true;
     }
 
+    /// The ticks of all timers, as a thread has taken them up in the moment before they are cancelled.
+    std::vector<std::function<void()>> ticksOnTheirWay() const {
+        std::vector<std::function<void()>> ticks;
+        for (const auto& weak : timers_)
+            if (auto timer = weak.lock()) ticks.emplace_back([timer] { timer->handle(); });
+        return ticks;
+    }
+
   private:
     friend class VirtualTime;
 
@@ -103,9 +111,10 @@ class VirtualTime::VirtualQueue : public TimerQueue, public std::enable_shared_f
         }
         void fire() {
             const unsigned generation = generation_;
-            handler_(*this);
+            handle();
             if (generation == generation_ && !isCancelled_) due += every_;
         }
+        void handle() { handler_(*this); }
         std::chrono::nanoseconds due = std::chrono::nanoseconds::max();
 
       private:
