@@ -1,6 +1,7 @@
 #include "Platform/jack/JackOutput.h"
 
 #include "Platform/MIDIRing.h"
+#include "Platform/jack/CycleTime.h"
 #include "support/JackServer.h"
 
 #include <gtest/gtest.h>
@@ -340,6 +341,19 @@ TEST_F(JackOutputTest, EndsQuicklyWhateverTheServerDoesAndWhileMessagesCome) {
             std::this_thread::sleep_for(1ms); // the server that hung has yet to answer the last one's end
         output->disposeClient(client);
     }
+}
+
+TEST(CycleTimeTest, AMessageIsDueOnePeriodLaterAndNeverHeldByTimesThatAreNotTrue) {
+    const CycleTime cycle{.start = 1'000'000, .period = 20'000, .frames = 960};
+    EXPECT_EQ(cycle.frameOf(980'000), 0u);
+    EXPECT_EQ(cycle.frameOf(990'000), 480u);
+    EXPECT_EQ(cycle.frameOf(999'999), 959u);
+    EXPECT_EQ(cycle.frameOf(900'000), 0u); // overdue
+    EXPECT_EQ(cycle.frameOf(1'000'000), std::nullopt);
+    EXPECT_EQ(cycle.frameOf(1'019'999), std::nullopt);
+    EXPECT_EQ(cycle.frameOf(1'119'999), std::nullopt);
+    EXPECT_EQ(cycle.frameOf(1'600'000), 0u); // the server was held up for 600 ms
+    EXPECT_EQ((CycleTime{.start = 5, .period = 0, .frames = 960}.frameOf(1'000'000)), 0u);
 }
 
 TEST(MIDIRingTest, TakesWholeMessagesOrNothing) {

@@ -1,8 +1,10 @@
 #include "Platform/jack/JackOutput.h"
 
 #include "Platform/MIDIRing.h"
+#include "Platform/jack/CycleTime.h"
 #include "Platform/jack/JackLibrary.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -327,19 +329,15 @@ void JackOutput::Link::play(jack_nframes_t frames) {
     jack_time_t start = 0;
     jack_time_t next = 0;
     float period = 0;
-    const bool isTimed = jack_->get_cycle_times(client_, &cycle, &start, &next, &period) == 0 && period > 0;
+    if (jack_->get_cycle_times(client_, &cycle, &start, &next, &period) != 0) period = 0;
+    const CycleTime times{.start = static_cast<std::int64_t>(start), .period = period, .frames = frames};
 
     const std::int64_t clockOffset = clockOffset_.update(*jack_);
     jack_nframes_t frame = 0;
     while (const auto head = ring_.front()) {
-        if (isTimed) {
-            const auto time = static_cast<std::int64_t>(head->time / 1'000) + clockOffset;
-            const double delay =
-                static_cast<double>(time - static_cast<std::int64_t>(start)) + double{period};
-            const double exactFrame = delay * frames / double{period};
-            if (exactFrame >= frames) return; // its turn is in a later cycle
-            if (exactFrame > frame) frame = static_cast<jack_nframes_t>(exactFrame);
-        }
+        const auto due = times.frameOf(static_cast<std::int64_t>(head->time / 1'000) + clockOffset);
+        if (!due) return;
+        frame = std::max(frame, *due);
         jack_midi_data_t* const to =
             buffer ? jack_->midi_event_reserve(buffer, frame, head->length) : nullptr;
         if (to)

@@ -105,6 +105,10 @@ void JSONPreferences::save() {
 
     const QDir folder = QFileInfo(*path_).absoluteDir();
     if (!folder.exists()) QDir().mkpath(folder.path());
+    // What a save has left that was killed.
+    const QString left = QFileInfo(*path_).fileName() + QStringLiteral(".??????");
+    for (const QString& name : folder.entryList({left}, QDir::Files))
+        QFile::remove(folder.filePath(name));
     QSaveFile file(*path_);
     if (!file.open(QIODevice::WriteOnly)) return;
     file.write(QJsonDocument(next).toJson());
