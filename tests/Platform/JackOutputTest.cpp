@@ -259,12 +259,13 @@ TEST_F(JackOutputTest, FullQueueDropsWholeMessagesAndRecovers) {
     openSource();
     Receiver receiver;
     ASSERT_TRUE(connect(receiver));
-    const std::uint64_t later = hostTime() + milliseconds(300);
+    server->signal(SIGSTOP);             // nothing is taken from the queue
     constexpr std::size_t count = 8'000; // of 300 bytes: more than twice what the queue holds
     for (std::size_t i = 0; i < count; ++i)
-        publish(systemExclusive(300, i), later);
+        publish(systemExclusive(300, i));
+    server->signal(SIGCONT);
     receiver.events(100); // the queue is being emptied
-    publish(note(1), later);
+    publish(note(1));
 
     std::size_t heard = 100;
     std::vector<Bytes> messages;
@@ -281,10 +282,10 @@ TEST_F(JackOutputTest, FullQueueDropsWholeMessagesAndRecovers) {
 TEST_F(JackOutputTest, SourceReturnsWithTheServerAndPlaysNothingOld) {
     openSource();
     for (int round = 0; round < 2; ++round) {
-        // Stamped so far ahead that, were they kept, they would hold up everything after them.
-        publish(note(1), hostTime() + milliseconds(60'000));
+        server->signal(SIGSTOP); // the first one is still waiting when the server dies
+        publish(note(1));
         server->end(SIGKILL);
-        publish(note(2), hostTime() + milliseconds(60'000));
+        publish(note(2));
         ASSERT_TRUE(server->start());
         Receiver receiver;
         ASSERT_TRUE(connect(receiver));

@@ -288,7 +288,9 @@ class Receiver(Process):
         until(lambda: SOURCE in ports(), 10, "the source is there")
         super().__init__(test, ["jack_midi_dump", "receiver"], host)
         until(lambda: "receiver:input" in ports(), 10, "the receiver is there")
-        host.run("jack_connect", SOURCE, "receiver:input")
+        # The server shows the port before the client is active.
+        until(lambda: host.run("jack_connect", SOURCE, "receiver:input", check=False).returncode == 0, 10,
+              "the receiver is connected")
 
     @property
     def messages(self):
