@@ -2,8 +2,8 @@
 
 #include "AppDelegate.h"
 #include "Platform/alsa/AlsaOutput.h"
-#include "Platform/asio/AsioNetwork.h"
 #include "Platform/avahi/AvahiDiscovery.h"
+#include "Platform/epoll/EpollNetwork.h"
 #include "Platform/jack/JackOutput.h"
 #include "Platform/posix/InstanceLock.h"
 #include "Platform/posix/StandardOutputLog.h"
@@ -49,7 +49,8 @@ int runApplication(char* programName) {
     QtApplication application(programName); // takes the signals, so it comes before every thread of ours
     StandardOutputLog log(STDOUT_FILENO);
     QtMainQueue mainQueue;
-    AsioNetwork network{RTPMIDISession::controlLocalPort, RTPMIDISession::dataLocalPort};
+    EpollNetwork network({RTPMIDISession::controlLocalPort, RTPMIDISession::dataLocalPort},
+                         Scheduling::realTime);
     AvahiDiscovery serviceDiscovery(mainQueue);
     const std::unique_ptr<MIDIOutput> midiOutput = makeMIDIOutput();
     JSONPreferences preferences(preferencesPath);

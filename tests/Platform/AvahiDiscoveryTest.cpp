@@ -8,6 +8,7 @@
 
 #include <avahi-client/client.h>
 #include <avahi-common/error.h>
+#include <avahi-common/malloc.h>
 #include <avahi-core/core.h>
 #include <avahi-core/log.h>
 #include <avahi-core/publish.h>
@@ -109,6 +110,19 @@ class Device {
             return avahi_server_add_service(server, group, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC,
                                             AvahiPublishFlags{}, name.c_str(), type.c_str(), nullptr,
                                             host.c_str(), port, nullptr);
+        });
+    }
+
+    /// Lists a service without saying where it is.
+    AvahiSEntryGroup* addName(const std::string& name, const std::string& type) {
+        return publish([=](AvahiServer* server, AvahiSEntryGroup* group) {
+            AvahiRecord* const pointer =
+                avahi_record_new_full((type + ".local").c_str(), AVAHI_DNS_CLASS_IN, AVAHI_DNS_TYPE_PTR, 120);
+            pointer->data.ptr.name = avahi_strdup((name + "." + type + ".local").c_str());
+            const int error = avahi_server_add(server, group, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC,
+                                               AvahiPublishFlags{}, pointer);
+            avahi_record_unref(pointer);
+            return error;
         });
     }
 
@@ -334,6 +348,75 @@ TEST_F(AvahiDiscoveryTest, WhatWasStoppedOrDroppedReportsNoMore) {
     EXPECT_EQ(outcome(waited), Texts{"Timeout reached"});
     EXPECT_TRUE(dropped.sets->isEmpty());
     EXPECT_EQ(stopped->outcome, Texts{});
+}
+
+TEST_F(AvahiDiscoveryTest, ThousandsOfDeadNamesHoldUpNobody) {
+    Device device(1);
+    device.addAddress("pad.local", "10.50.0.2", 0);
+    const auto resolveDead = [&](int first, int last, std::chrono::milliseconds timeout) {
+        std::vector<std::shared_ptr<Resolved>> dead;
+        for (int index = first; index < last; ++index)
+            dead.push_back(resolve("Nobody " + std::to_string(index), appleMIDI, timeout));
+        return dead;
+    };
+    const auto expectFoundBefore = [&](const std::string& name, const auto& dead) {
+        EXPECT_EQ(outcome(resolve(name, appleMIDI)), Texts{"10.50.0.2:5004"});
+        for (const auto& one : dead)
+            EXPECT_EQ(one->outcome, Texts{});
+    };
+    device.addService("Pad", appleMIDI, "pad.local", 5004);
+    expectFoundBefore("Pad", resolveDead(0, 1000, 10s));
+
+    // Those that nobody has answered for are asked for anew with every change of the list.
+    for (const auto& one : resolveDead(1000, 1400, 300ms))
+        EXPECT_EQ(outcome(one), Texts{"Timeout reached"});
+    auto dead = resolveDead(1000, 1200, 10s);
+    device.addService("Piano", appleMIDI, "pad.local", 5004);
+    const auto piano = resolve("Piano", appleMIDI);
+    for (auto& one : resolveDead(1200, 1400, 10s))
+        dead.push_back(one);
+    EXPECT_EQ(outcome(piano), Texts{"10.50.0.2:5004"});
+    for (const auto& one : dead)
+        EXPECT_EQ(one->outcome, Texts{});
+}
+
+TEST_F(AvahiDiscoveryTest, WhatIsListedNoMoreIsLookedForNoMore) {
+    Device device(1);
+    const Browsed peers = browse(appleMIDI);
+    AvahiSEntryGroup* const listed = device.addName("Pad", appleMIDI);
+    ASSERT_TRUE(peers.reach({"Pad"}));
+    const auto resolved = resolve("Pad", appleMIDI, 20s);
+    device.withdraw(listed);
+    ASSERT_TRUE(peers.reach({}));
+    EXPECT_EQ(outcome(resolved), Texts{"Not found"});
+}
+
+TEST_F(AvahiDiscoveryTest, WhatWasNotFoundIsListedAnewOnceItIsThere) {
+    Device device(1);
+    const Browsed peers = browse(appleMIDI);
+    device.addName("Pad", appleMIDI);
+    ASSERT_TRUE(peers.reach({"Pad"}));
+    EXPECT_EQ(outcome(resolve("Pad", appleMIDI, 1s)), Texts{"Timeout reached"});
+    EXPECT_TRUE(peers.sets->isEmpty());
+    device.addAddress("pad.local", "10.50.0.2", 0);
+    device.addService("Pad", appleMIDI, "pad.local", 5004);
+    EXPECT_TRUE(peers.reach({}));
+    EXPECT_TRUE(peers.reach({"Pad"}));
+    EXPECT_EQ(outcome(resolve("Pad", appleMIDI)), Texts{"10.50.0.2:5004"});
+}
+
+TEST_F(AvahiDiscoveryTest, WhatMovesWhileItIsResolvedIsFoundWhereItWent) {
+    Device device(1);
+    const Browsed peers = browse(appleMIDI);
+    AvahiSEntryGroup* const service = device.addService("Pad", appleMIDI, "nowhere.local", 5004);
+    device.addAddress("pad.local", "10.50.0.2", 0);
+    device.addService("Other", appleMIDI, "pad.local", 5004);
+    ASSERT_TRUE(peers.reach({"Pad", "Other"}));
+    const auto resolved = resolve("Pad", appleMIDI);
+    EXPECT_EQ(outcome(resolve("Other", appleMIDI)), Texts{"10.50.0.2:5004"}); // so the first is as far
+    device.withdraw(service);
+    device.addService("Pad", appleMIDI, "pad.local", 6000);
+    EXPECT_EQ(outcome(resolved), Texts{"10.50.0.2:6000"});
 }
 
 /// A system bus and an Avahi daemon, both this test's own.

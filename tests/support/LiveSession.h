@@ -1,7 +1,7 @@
 // A session on real sockets whose peer is the test itself.
 #pragma once
 
-#include "Platform/asio/AsioNetwork.h"
+#include "Platform/epoll/EpollNetwork.h"
 #include "Platform/posix/SystemClock.h"
 #include "Services/CoreMIDIBridge.h"
 #include "Services/RTPMIDISession.h"
@@ -75,7 +75,7 @@ class LiveSession {
 
     static constexpr IPv4Host host_{{127, 0, 1, 9}};
     FakeMachine machine_;
-    AsioNetwork network_{};
+    EpollNetwork network_{};
     const SystemClock clock_;
     const Platform platform_;
     CoreMIDIBridge bridge_;

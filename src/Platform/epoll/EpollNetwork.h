@@ -8,16 +8,22 @@
 
 namespace tessary {
 
+/// Whether other programs' work may keep the network thread waiting.
+enum class Scheduling {
+    ordinary,
+    realTime, ///< as far as the machine grants it
+};
+
 /// Every queue that it makes is served by the one thread, so each is serial, and so are all of them together.
-class AsioNetwork : public UDPNetwork {
+class EpollNetwork : public UDPNetwork {
   public:
     /// Starts the thread.
     ///
-    /// @param heldPorts  local ports that no other program is to take by chance; they are held from here on
-    /// by
-    ///                   sockets that drop everything (the kernel prefers connected sockets on the same port)
-    explicit AsioNetwork(std::initializer_list<std::uint16_t> heldPorts);
-    ~AsioNetwork() override;
+    /// @param heldPorts  local ports that no other program is to take by chance; sockets that drop everything
+    ///                   hold them from here on (the kernel prefers connected sockets on the same port)
+    explicit EpollNetwork(std::initializer_list<std::uint16_t> heldPorts,
+                          Scheduling scheduling = Scheduling::ordinary);
+    ~EpollNetwork() override;
 
     /// Ends the thread; nothing is delivered afterwards. The queues and connections may still be used, to no
     /// effect.

@@ -1,10 +1,14 @@
-#include "Platform/asio/AsioNetwork.h"
+#include "Platform/epoll/EpollNetwork.h"
 
 #include "support/Await.h"
 #include "support/PeerSocket.h"
 
 #include <atomic>
+#include <cstdlib>
+#include <ctime>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <string>
 #include <thread>
 
 using namespace tessary;
@@ -20,7 +24,7 @@ constexpr IPv4Host secondHost{{127, 0, 1, 2}};
 
 /// A connection whose reports the test can wait for.
 struct Listened {
-    Listened(AsioNetwork& network, std::optional<std::uint16_t> localPort, IPv4Host host, std::uint16_t port)
+    Listened(EpollNetwork& network, std::optional<std::uint16_t> localPort, IPv4Host host, std::uint16_t port)
         : connection(network.makeConnection(localPort, host, port)) {
         connection->setHandlers(
             {.stateDidChange =
@@ -54,10 +58,33 @@ std::uint16_t freePort() {
     return PeerSocket(IPv4Host{}).port();
 }
 
+/// Keeps the network thread busy until it is released.
+class Hold {
+  public:
+    explicit Hold(EpollNetwork& network) {
+        network.backgroundQueue().post([state = state_] {
+            state->isHeld = true;
+            while (!state->isReleased)
+                std::this_thread::yield();
+        });
+        while (!state_->isHeld)
+            std::this_thread::yield();
+    }
+    ~Hold() { state_->isReleased = true; }
+    Hold(const Hold&) = delete;
+    Hold& operator=(const Hold&) = delete;
+
+  private:
+    struct State {
+        std::atomic<bool> isHeld = false, isReleased = false;
+    };
+    const std::shared_ptr<State> state_ = std::make_shared<State>();
+};
+
 } // namespace
 
-TEST(AsioNetworkTest, ConnectionsShareALocalPortAndHearTheirOwnPeerAlone) {
-    AsioNetwork network({});
+TEST(EpollNetworkTest, ConnectionsShareALocalPortAndHearTheirOwnPeerAlone) {
+    EpollNetwork network({});
     const std::uint16_t local = freePort();
     PeerSocket first(firstHost), second(secondHost), stranger(IPv4Host{{127, 0, 1, 3}});
     Listened toFirst(network, local, firstHost, first.port()),
@@ -79,8 +106,8 @@ TEST(AsioNetworkTest, ConnectionsShareALocalPortAndHearTheirOwnPeerAlone) {
     EXPECT_TRUE(toFirst.reports->datagrams.isEmpty());
 }
 
-TEST(AsioNetworkTest, NothingOfTheMomentBeforeConnectingIsHeard) {
-    AsioNetwork network({});
+TEST(EpollNetworkTest, NothingOfTheMomentBeforeConnectingIsHeard) {
+    EpollNetwork network({});
     const std::uint16_t local = freePort();
     std::atomic<bool> isEnding = false;
     std::thread flood([&] {
@@ -102,8 +129,8 @@ TEST(AsioNetworkTest, NothingOfTheMomentBeforeConnectingIsHeard) {
         EXPECT_TRUE(each->reports->datagrams.isEmpty());
 }
 
-TEST(AsioNetworkTest, AClosedPortMeansReadyAgainASecondLaterUntilThePeerIsHeard) {
-    AsioNetwork network({});
+TEST(EpollNetworkTest, AClosedPortMeansReadyAgainASecondLaterUntilThePeerIsHeard) {
+    EpollNetwork network({});
     const std::uint16_t local = freePort(), remote = freePort();
     Listened late(network, local, firstHost, remote);
     for (int i = 0; i < 2; ++i) {
@@ -124,8 +151,8 @@ TEST(AsioNetworkTest, AClosedPortMeansReadyAgainASecondLaterUntilThePeerIsHeard)
     EXPECT_TRUE(late.reports->errors.isEmpty());
 }
 
-TEST(AsioNetworkTest, SilenceAloneBringsNoSecondReady) {
-    AsioNetwork network({});
+TEST(EpollNetworkTest, SilenceAloneBringsNoSecondReady) {
+    EpollNetwork network({});
     PeerSocket silent(firstHost);
     Listened listened(network, freePort(), firstHost, silent.port());
     ASSERT_EQ(listened.nextState(), ConnectionState::ready);
@@ -133,8 +160,8 @@ TEST(AsioNetworkTest, SilenceAloneBringsNoSecondReady) {
     EXPECT_EQ(listened.nextState(1500ms), std::nullopt);
 }
 
-TEST(AsioNetworkTest, ARefusalDoesNotEatTheGoodbye) {
-    AsioNetwork network({});
+TEST(EpollNetworkTest, ARefusalDoesNotEatTheGoodbye) {
+    EpollNetwork network({});
     const std::uint16_t local = freePort(), remote = freePort();
     for (int i = 0; i < 50; ++i) {
         Listened listened(network, local, firstHost, remote);
@@ -147,8 +174,8 @@ TEST(AsioNetworkTest, ARefusalDoesNotEatTheGoodbye) {
     }
 }
 
-TEST(AsioNetworkTest, APortThatAnotherProgramHoldsFails) {
-    AsioNetwork network({});
+TEST(EpollNetworkTest, APortThatAnotherProgramHoldsFails) {
+    EpollNetwork network({});
     const PeerSocket other(IPv4Host{});
     Listened listened(network, other.port(), firstHost, 5004);
     const auto report = listened.reports->states.next();
@@ -157,9 +184,9 @@ TEST(AsioNetworkTest, APortThatAnotherProgramHoldsFails) {
     EXPECT_EQ(report->second.message(), "Address already in use");
 }
 
-TEST(AsioNetworkTest, HeldPortsAreClosedToOthersAndOpenToOurselves) {
+TEST(EpollNetworkTest, HeldPortsAreClosedToOthersAndOpenToOurselves) {
     const std::uint16_t held = freePort();
-    AsioNetwork network({held});
+    EpollNetwork network({held});
     EXPECT_THROW(PeerSocket(IPv4Host{}, held), std::runtime_error);
     PeerSocket peer(firstHost);
     Listened listened(network, held, firstHost, peer.port());
@@ -168,8 +195,8 @@ TEST(AsioNetworkTest, HeldPortsAreClosedToOthersAndOpenToOurselves) {
     EXPECT_EQ(listened.reports->datagrams.next(), Bytes{1});
 }
 
-TEST(AsioNetworkTest, AfterCancelOrDestructionNoHandlerIsEntered) {
-    AsioNetwork network({});
+TEST(EpollNetworkTest, AfterCancelOrDestructionNoHandlerIsEntered) {
+    EpollNetwork network({});
     const std::uint16_t local = freePort();
     PeerSocket peer(firstHost);
     Listened cancelled(network, local, firstHost, peer.port());
@@ -190,8 +217,116 @@ TEST(AsioNetworkTest, AfterCancelOrDestructionNoHandlerIsEntered) {
     EXPECT_TRUE(dropped.reports->datagrams.isEmpty());
 }
 
-TEST(AsioNetworkTest, TimersRepeatFollowANewScheduleAndEnd) {
-    AsioNetwork network({});
+TEST(EpollNetworkTest, WhenAddressesChangeTheNewestOfTwoConnectionsToAPeerHearsIt) {
+    const auto ip = [](const std::string& arguments) {
+        return std::system(("ip " + arguments).c_str()) == 0;
+    };
+    bool isApart = false;
+    std::thread([&] { // in a network of its own
+        if (unshare(CLONE_NEWNET) != 0) return;
+        isApart = true;
+        ASSERT_TRUE(ip("link set lo up") && ip("link add lan type veth peer name far") &&
+                    ip("link set lan up") && ip("link set far up") && ip("addr add 10.77.0.1/24 dev lan"));
+        EpollNetwork network{};
+        const IPv4Host peer{{10, 77, 0, 2}};
+        const auto port = freePort();
+        Listened ended(network, port, peer, 5004); // and not closed yet
+        EXPECT_EQ(ended.nextState(), ConnectionState::ready);
+        Listened present(network, port, peer, 5004);
+        EXPECT_EQ(present.nextState(), ConnectionState::ready);
+        ASSERT_TRUE(ip("addr del 10.77.0.1/24 dev lan") && ip("addr add 10.77.0.9/24 dev lan"));
+        EXPECT_EQ(present.nextState(), ConnectionState::ready);
+        const Hold untilBothHaveSeenIt(network);
+        EXPECT_TRUE(ended.reports->states.isEmpty());
+    })
+        .join();
+    if (!isApart) GTEST_SKIP() << "making a network needs root";
+}
+
+TEST(EpollNetworkTest, AFloodingPeerLeavesTheOthersTheirTurn) {
+    EpollNetwork network({});
+    const std::uint16_t local = freePort();
+    PeerSocket flooding(firstHost), calm(secondHost);
+    Reports<int> turns;
+    const auto listen = [&](const PeerSocket& peer, IPv4Host host, int name) {
+        auto connection = network.makeConnection(local, host, peer.port());
+        connection->setHandlers({.stateDidChange = [&](ConnectionState, std::error_code) { turns.add(0); },
+                                 .received =
+                                     [&turns, name](std::span<const std::uint8_t>, std::error_code) {
+                                         turns.add(name);
+                                         return Receive::again;
+                                     },
+                                 .sendFailed = {}});
+        connection->start(network.makeQueue("test"));
+        EXPECT_EQ(turns.next(), 0);
+        return connection;
+    };
+    const auto one = listen(flooding, firstHost, 1), two = listen(calm, secondHost, 2);
+    {
+        const Hold hold(network);
+        for (int i = 0; i < 200; ++i)
+            flooding.sendTo(local, Bytes{1});
+        calm.sendTo(local, Bytes{2});
+    }
+    int before = 0;
+    while (turns.next() == 1)
+        ++before;
+    EXPECT_LE(before, 1);
+}
+
+TEST(EpollNetworkTest, WhatNobodyWantsAnyMoreCostsNothing) {
+    EpollNetwork network({});
+    PeerSocket peer(firstHost);
+    const std::uint16_t local = freePort();
+    Reports<int> heard;
+    const auto connection = network.makeConnection(local, firstHost, peer.port());
+    connection->setHandlers({.stateDidChange = [&](ConnectionState, std::error_code) { heard.add(0); },
+                             .received =
+                                 [&](std::span<const std::uint8_t>, std::error_code) {
+                                     heard.add(1);
+                                     return Receive::stop;
+                                 },
+                             .sendFailed = {}});
+    connection->start(network.makeQueue("test"));
+    EXPECT_EQ(heard.next(), 0);
+    for (int i = 0; i < 3; ++i)
+        peer.sendTo(local, Bytes{1}); // two of them stay where they are
+    EXPECT_EQ(heard.next(), 1);
+    const std::clock_t before = std::clock();
+    EXPECT_EQ(heard.next(200ms), std::nullopt);
+    EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 20); // the thread sleeps
+}
+
+TEST(EpollNetworkTest, WhatIsLeftAtTheEndIsDroppedEvenIfItPostsOnceMore) {
+    std::atomic<int> dropped = 0;
+    struct Last {
+        Last(std::shared_ptr<TimerQueue> itsQueue, std::atomic<int>& count, int itsGeneration)
+            : queue(std::move(itsQueue))
+            , dropped(count)
+            , generation(itsGeneration) {}
+        Last(const Last&) = delete;
+        Last& operator=(const Last&) = delete;
+        ~Last() {
+            ++dropped;
+            if (generation == 0) return;
+            auto next = std::make_shared<Last>(queue, dropped, generation - 1);
+            queue->postAfter(1h, [next] {});
+        }
+        const std::shared_ptr<TimerQueue> queue;
+        std::atomic<int>& dropped;
+        const int generation;
+    };
+    {
+        EpollNetwork network({});
+        const auto queue = network.makeQueue("test");
+        queue->postAfter(1h, [last = std::make_shared<Last>(queue, dropped, 2)] {});
+        const Hold hold(network); // by now it waits as a timer
+    }
+    EXPECT_EQ(dropped, 3);
+}
+
+TEST(EpollNetworkTest, TimersRepeatFollowANewScheduleAndEnd) {
+    EpollNetwork network({});
     const auto queue = network.makeQueue("test");
     Reports<int> ticks;
     const auto timer = queue->makeTimer([&, count = 0](Timer& self) mutable {

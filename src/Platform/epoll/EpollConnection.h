@@ -2,14 +2,12 @@
 #pragma once
 
 #include "Platform/UDPConnection.h"
-
-#include <asio/io_context.hpp>
-#include <asio/ip/udp.hpp>
-#include <asio/steady_timer.hpp>
+#include "Platform/epoll/EventLoop.h"
 
 #include <atomic>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <vector>
 
 namespace tessary {
@@ -20,10 +18,14 @@ namespace tessary {
 /// goes on, and as long as the peer was never heard the connection reports ready again a second later.
 ///
 /// Runs on: the network thread, but for `send` and `silence`.
-class AsioConnection : public std::enable_shared_from_this<AsioConnection> {
+class EpollConnection final : public EventLoop::Reader, public std::enable_shared_from_this<EpollConnection> {
   public:
-    AsioConnection(asio::io_context& context, std::optional<std::uint16_t> localPort, IPv4Host host,
-                   std::uint16_t remotePort);
+    /// Room for the largest datagram.
+    static constexpr std::size_t bufferSize = 65'536;
+
+    /// @param buffer  `bufferSize` bytes, which all connections of the thread share
+    EpollConnection(EventLoop& loop, std::span<std::uint8_t> buffer, std::optional<std::uint16_t> localPort,
+                    IPv4Host host, std::uint16_t remotePort);
 
     void setHandlers(UDPHandlers handlers) { handlers_ = std::move(handlers); }
 
@@ -42,37 +44,37 @@ class AsioConnection : public std::enable_shared_from_this<AsioConnection> {
     /// Reports cancelled and closes.
     void cancel();
 
+    /// Another connection is starting. If it is one between the same ports, what the peer sends is that one's
+    /// from now on: the kernel gives it to the socket that was opened last, so this one opens none any more.
+    void anotherStarts(const EpollConnection& other);
+
     /// This machine's addresses have changed: a socket that is bound to one that is gone is opened anew.
     void addressesChanged(const std::vector<IPv4Host>& own);
 
-  private:
-    using Socket = asio::basic_datagram_socket<asio::ip::udp, asio::io_context::executor_type>;
+    /// One datagram, or one error, waits at the socket.
+    void readable() override;
 
-    void receive();
-    void received(const std::error_code& error, std::size_t size);
+  private:
+    void setSocket(OpenFile socket);
+    void handOn(std::span<const std::uint8_t> datagram, std::error_code error);
     void refused();
     void report(ConnectionState state, std::error_code error = {});
 
-    asio::io_context& context_;
+    EventLoop& loop_;
+    const std::span<std::uint8_t> buffer_;
     const std::optional<std::uint16_t> localPort_;
     const IPv4Host host_;
     const std::uint16_t remotePort_;
     UDPHandlers handlers_;
     std::atomic<bool> isSilent_ = false;
 
-    std::mutex fileMutex_; ///< between `send` and whoever opens or closes the socket
-    int file_ = -1;
-
-    Socket socket_;
-    unsigned generation_ =
-        0; ///< counts the sockets, so that a late completion of an old one is known as such
-    bool isReceiving_ = false;
+    std::mutex
+        socketMutex_; ///< between `send` and the network thread, which alone opens and closes the socket
+    OpenFile socket_;
     bool isWaitingForRoute_ = false;
+    bool isSuperseded_ = false;
     bool isHeard_ = false;
     bool isRetrying_ = false;
-    asio::steady_timer retryTimer_;
-    /// Room for the largest datagram; pages that no datagram needs are never touched.
-    std::unique_ptr<std::uint8_t[]> buffer_;
 };
 
 } // namespace tessary

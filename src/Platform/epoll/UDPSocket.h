@@ -2,6 +2,7 @@
 #pragma once
 
 #include "Models/IPv4Host.h"
+#include "Platform/posix/OpenFile.h"
 
 #include <cstdint>
 #include <optional>
@@ -9,28 +10,8 @@
 
 namespace tessary {
 
-/// An open socket; closed with its owner.
-class UDPSocket {
-  public:
-    UDPSocket() = default;
-    explicit UDPSocket(int file)
-        : file_(file) {}
-    UDPSocket(UDPSocket&& other) noexcept;
-    UDPSocket& operator=(UDPSocket&& other) noexcept;
-    UDPSocket(const UDPSocket&) = delete;
-    UDPSocket& operator=(const UDPSocket&) = delete;
-    ~UDPSocket();
-
-    int file() const { return file_; }
-    /// Hands the open file to somebody who closes it.
-    int release();
-
-  private:
-    int file_ = -1;
-};
-
 struct UDPSocketResult {
-    UDPSocket socket;
+    OpenFile socket;
     std::error_code error;
 };
 

@@ -1,4 +1,4 @@
-#include "Platform/asio/UDPSocket.h"
+#include "Platform/epoll/UDPSocket.h"
 
 #include <array>
 #include <cerrno>
@@ -70,7 +70,7 @@ bool bindShared(int file, std::uint16_t localPort) {
            bind(file, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0;
 }
 
-int openFile() {
+int openSocket() {
     return socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
 }
 
@@ -80,25 +80,9 @@ std::error_code lastError() {
 
 } // namespace
 
-UDPSocket::UDPSocket(UDPSocket&& other) noexcept
-    : file_(other.release()) {}
-
-UDPSocket& UDPSocket::operator=(UDPSocket&& other) noexcept {
-    std::swap(file_, other.file_);
-    return *this;
-}
-
-UDPSocket::~UDPSocket() {
-    if (file_ >= 0) close(file_);
-}
-
-int UDPSocket::release() {
-    return std::exchange(file_, -1);
-}
-
 UDPSocketResult openConnected(std::optional<std::uint16_t> localPort, IPv4Host host,
                               std::uint16_t remotePort) {
-    UDPSocket socket(openFile());
+    OpenFile socket(openSocket());
     const int file = socket.file();
     const sockaddr_in remote = endpoint(host, remotePort);
     if (file < 0 || !hearOnly(file, host, remotePort) || !bindShared(file, localPort.value_or(0)) ||
@@ -109,7 +93,7 @@ UDPSocketResult openConnected(std::optional<std::uint16_t> localPort, IPv4Host h
 }
 
 UDPSocketResult openPlaceholder(std::uint16_t localPort) {
-    UDPSocket socket(openFile());
+    OpenFile socket(openSocket());
     const int file = socket.file();
     if (file < 0 || !hearNobody(file) || !bindShared(file, localPort)) return {{}, lastError()};
     return {std::move(socket), {}};

@@ -1,0 +1,69 @@
+// The program's road of a MIDI message, from the network thread to an output that writes down the moment.
+//
+//     latency_road STAMPS HOST...       invites each of these hosts at port 5004
+
+#include "Platform/epoll/EpollNetwork.h"
+#include "Platform/posix/SystemClock.h"
+#include "Services/CoreMIDIBridge.h"
+#include "Services/RTPMIDISession.h"
+#include "stamps.h"
+#include "support/Fakes.h"
+
+#include <cstdio>
+#include <unistd.h>
+
+using namespace tessary;
+using namespace tessary::test;
+
+namespace {
+
+struct StampOutput : FakeMIDIOutput {
+    void publish(MIDIObjectRef, std::uint64_t, std::span<const std::uint8_t> message) override {
+        if (message.size() == 3 && (message[0] & 15) == STAMP_CHANNEL) stamp(stamps, message[1], message[2]);
+    }
+    std::int64_t* stamps = nullptr;
+};
+
+} // namespace
+
+int main(int argc, char** argv) {
+    StampOutput output;
+    if (argc < 3 || !(output.stamps = open_stamps(argv[1]))) {
+        std::fputs("usage: latency_road STAMPS HOST...\n", stderr);
+        return 2;
+    }
+    FakeMachine machine;
+    EpollNetwork network({RTPMIDISession::controlLocalPort, RTPMIDISession::dataLocalPort},
+                         Scheduling::realTime);
+    // It only keeps the states, and so may run on the network thread too.
+    const auto mainQueue = network.makeQueue("main");
+    const SystemClock clock;
+    const Platform platform{machine.application,
+                            *mainQueue,
+                            network,
+                            machine.serviceDiscovery,
+                            output,
+                            machine.preferences,
+                            machine.statusBar,
+                            machine.loginService,
+                            clock,
+                            machine.random,
+                            machine.text,
+                            machine.log};
+    CoreMIDIBridge bridge(platform);
+    std::vector<std::shared_ptr<RTPMIDISession>> sessions;
+    mainQueue->post([&] {
+        for (int i = 2; i < argc; ++i) {
+            const auto host = IPv4Host::parse(argv[i]).value();
+            auto session =
+                std::make_shared<RTPMIDISession>(platform, argv[i], host, std::uint16_t{5004}, "bench");
+            session->midiPacketReceived = [&](std::span<const std::uint8_t> packet) {
+                bridge.handleRTPMIDIPacket(packet);
+            };
+            session->start();
+            sessions.push_back(std::move(session));
+        }
+    });
+    for (;;) // until somebody ends the process
+        pause();
+}

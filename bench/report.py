@@ -1,0 +1,214 @@
+#!/usr/bin/env python3
+"""Writes docs/performance.md and its plots from what the programs of this folder have measured.
+
+    python3 bench/report.py DIRECTORY      with their results: NAME.json or, as printed, NAME.txt
+"""
+import json
+import os
+import pathlib
+import platform
+import re
+import statistics
+import subprocess
+import sys
+
+import matplotlib
+matplotlib.use("svg")
+from matplotlib import pyplot  # noqa: E402
+
+ROOT = pathlib.Path(__file__).resolve().parents[1]
+sys.path.insert(0, str(ROOT / "tests/system"))
+import vm  # noqa: E402
+
+DOCS, RESULTS = ROOT / "docs", pathlib.Path(sys.argv[1])
+QUANTILES = {"50": "50 %", "99": "99 %", "99.9": "99.9 %", "max": "longest"}
+PLACES = {"latency-null": "natively, into an output that writes down the moment",
+          "latency-alsa": "in the virtual machine, through the ALSA sequencer"}
+LIBRARIES = ("libasound2", "libavahi-core7", "libdbus-1-3", "libglib2.0-0", "libjack-jackd2-0", "libqt6core6")
+COLORS = {"program": "#1668c1", "floor": "#d1662b", "blocking recv": "#8a8a8a"}
+
+
+def printed(*command):
+    return subprocess.run(command, check=True, stdout=subprocess.PIPE, text=True).stdout.strip()
+
+
+def machine():
+    """What it was measured on, in one paragraph."""
+    processor = dict(line.split(":", 1) for line in printed("lscpu").splitlines() if ":" in line)
+    memory = re.search(r"MemTotal: +(\d+)", pathlib.Path("/proc/meminfo").read_text())[1]
+    system = re.search(r'PRETTY_NAME="(.*)"', pathlib.Path("/etc/os-release").read_text())[1]
+    compiler = printed("g++", "-dumpfullversion")
+    libraries = [line.split() for line in printed("dpkg-query", "-W", "-f", "${Package} ${Version}\n",
+                                                  *LIBRARIES).splitlines()]
+    hypervisor = processor.get("Hypervisor vendor", "").strip()
+    guest = vm._kernel()[0].name.removeprefix("vmlinuz-")
+    emulator = printed("qemu-system-x86_64", "--version").splitlines()[0].split(" version ")[1].split()[0]
+    return (f"{system}, kernel {platform.release().split("-")[0]}, {os.cpu_count()} cores of an {processor['Model name'].strip()}" +
+            (f" (itself a virtual machine, of {hypervisor})" if hypervisor else "") +
+            f", {int(memory) // 2 ** 20 + 1} GiB of memory. g++ {compiler}, preset `release`. " +
+            ", ".join(f"{package} {version}" for package, version in libraries) +
+            f". The virtual machine: kernel {guest}, two cores, emulated in software by QEMU {emulator}.")
+
+
+def table(header, rows):
+    lines = [header, ["---"] * len(header), *rows]
+    return "\n".join("| " + " | ".join(map(str, line)) + " |" for line in lines) + "\n"
+
+
+def spread(values, digits=1):
+    """The median of the rounds, and their least and most."""
+    digits = 0 if min(values) >= 1000 else digits
+    low, middle, high = (f"{value:,.{digits}f}" for value in (min(values), statistics.median(values), max(values)))
+    return f"{middle} ({low} to {high})"
+
+
+class Latency:
+    """The results of latency.py in one place."""
+
+    def __init__(self, name):
+        self.name = name
+        self.results = json.loads((RESULTS / f"{name}.json").read_text())["results"]
+
+    def get(self, condition, isRealTime, kind, side, part="first"):
+        return next((each for each in self.results if (condition, isRealTime, kind, side, part) == (
+            each["condition"], each["realTime"], each["kind"], each["side"], each["part"])), None)
+
+    def ratios(self, quantile, *key):
+        """The program's to the floor's, of each round."""
+        program, floor = (self.get(*key[:3], side, *key[3:])["runs"][quantile] for side in ("program", "floor"))
+        return [one / other for one, other in zip(program, floor)]
+
+    def table(self, condition, isRealTime, kinds=("notes", "chords", "controllers")):
+        rows = []
+        for kind in kinds:
+            for part in ("first", "last"):
+                if not self.get(condition, isRealTime, kind, "program", part):
+                    continue
+                label = kind + (f", to the {part} of ten" if kind == "chords" else "")
+                for side in COLORS:
+                    each = self.get(condition, isRealTime, kind, side, part)
+                    if each and (side != "blocking recv" or (condition, kind) == ("quiet", "notes")):
+                        rows.append((label, side, *(spread(each["runs"][quantile]) for quantile in QUANTILES)))
+                rows.append((label, "**ratio**", *(f"**{spread(self.ratios(quantile, condition, isRealTime, kind, part), 2)}**"
+                                                   for quantile in ("50", "99", "99.9")), ""))
+        return table(("microseconds", "", *QUANTILES.values()), rows)
+
+    def tail(self, isRealTime):
+        """How many times the quiet 99.9th percentile the busy one is, of all rounds together."""
+        quiet, busy = (self.get(condition, real, "notes", "program")["pooled"]["99.9"]
+                       for condition, real in (("quiet", True), ("both cores busy", isRealTime)))
+        return f"{busy:,.0f} µs, {busy / quiet:.1f} times the {quiet:,.0f} µs of the quiet machine"
+
+
+def plot(name, panels, latencies):
+    """One panel beside the other, one row for each place; a panel is (title, [(label, line style, key, side)])."""
+    matplotlib.rcParams.update({"svg.fonttype": "none", "svg.hashsalt": name, "font.size": 9})
+    figure, grid = pyplot.subplots(len(latencies), len(panels), squeeze=False, sharex="row", sharey=True,
+                                   figsize=(5 * len(panels), 3.6 * len(latencies)), layout="constrained")
+    for row, latency in zip(grid, latencies):
+        for axes, (title, lines) in zip(row, panels):
+            for label, style, key, side in lines:
+                if each := latency.get(*key, side):
+                    axes.step(*zip(*each["curve"]), style, where="post", color=COLORS[side], label=label)
+            axes.set(xscale="log", yscale="log", xlabel="microseconds (log)",
+                     title=(title + "\n" if title else "") + PLACES[latency.name])
+            axes.grid(True, linewidth=0.3)
+            axes.legend()
+        row[0].set_ylabel("share of notes that take longer (log)")
+    figure.savefig(DOCS / name, metadata={"Date": None})
+    pyplot.close(figure)
+
+
+def figures(name):
+    """What another program has found: a list of figures, tables for lists of them, or what it printed."""
+    file = RESULTS / f"{name}.json"
+    if not file.exists():
+        return f"```\n{(RESULTS / name).with_suffix('.txt').read_text().strip()}\n```\n"
+
+    def show(value):
+        return f"{value:,.2f}".rstrip("0").rstrip(".") if isinstance(value, float) else str(value)
+    found = json.loads(file.read_text())
+    single = {key: value for key, value in found.items() if key != "name" and not isinstance(value, (list, dict))}
+    text = table(("", ""), [(key, show(value)) for key, value in single.items()]) if single else ""
+    for key, value in found.items():
+        if isinstance(value, dict) and all(isinstance(row, dict) for row in value.values()):
+            value = [{key: name} | row for name, row in value.items()]
+        elif isinstance(value, dict):
+            value = [value]
+        if isinstance(value, list) and value:
+            columns = list(dict.fromkeys(column for row in value for column in row))
+            text += "\n" + table(columns, [[show(row.get(column, "")) for column in columns] for row in value])
+    return text
+
+
+def main():
+    latencies = [Latency(name) for name in PLACES]
+    quiet, busy, ordinary = (("quiet", True, "notes"), ("both cores busy", True, "notes"),
+                             ("both cores busy", False, "notes"))
+    plot("latency-floor.svg", [("", [(side, "-", quiet, side) for side in COLORS])], latencies)
+    plot("latency-load.svg", [(title, [(f"{side}, {label}", style, key, side) for side in ("program", "floor")
+                                       for label, style, key in (("quiet", ":", quiet), ("both cores busy", "-", load))])
+                              for title, load in (("with real-time priority", busy), ("without", ordinary))], latencies)
+    sections = [f"""# Performance
+
+Written by `./scripts/bench` (root), which measures all of this. {machine()}
+
+Such machines are noisy, so look at the ratios: both sides of each comparison were measured in the same run, in turn. A
+figure is the median of the rounds; in brackets are the least and the most.
+
+## From a device's send to the output
+
+    python3 bench/latency.py            # root: it makes network namespaces
+    python3 bench/latency.py --vm
+
+A device in a network namespace of its own sends notes, chords of ten notes in one datagram, or 1,000 control changes a
+second, alternately to the program and to the floor: a C program with nothing but `epoll_wait`, `recv` on a connected
+UDP socket, and the output call (`bench/floor.c`). All wait asleep and have real-time priority where nothing else is
+said. The time is counted from just before the device's system call: natively until the output call, and in the virtual
+machine until another program, which subscribes to both, has received the message from the ALSA sequencer. There it is
+the whole program that is measured, natively its road from the network thread to the output. The `recv` that blocks,
+without `epoll_wait`, is there for the record.
+
+![Distribution of the latency: program and floor](latency-floor.svg)
+"""]
+    for latency in latencies:
+        sections.append(f"### Quiet, {PLACES[latency.name]}\n\n" + latency.table("quiet", True) + f"""
+Notes: {statistics.median(latency.ratios('50', *quiet)):.2f} times the floor at the median (target 1.10), {statistics.median(latency.ratios('99', *quiet)):.2f} times at the 99th
+percentile (target 1.25).
+""")
+    sections.append("""## With both cores busy
+
+Two processes of ordinary priority that never wait, one for each core. The program asks for real-time priority by itself;
+beside it stands the same without the right to have it. The floor has the same scheduling as the program each time.
+
+![Distribution of the latency with both cores busy, with and without real-time priority](latency-load.svg)
+""")
+    for latency in latencies:
+        for isRealTime in (True, False):
+            title = f"{'With' if isRealTime else 'Without'} real-time priority, {PLACES[latency.name]}"
+            sections.append(f"### {title}\n\n" + latency.table("both cores busy", isRealTime) + f"""
+The 99.9th percentile of notes: {latency.tail(isRealTime)}{' (target 3)' if isRealTime else ''}.
+""")
+    sections.append("## With 50 other devices\n\nThey play 1,000 messages a second together.\n")
+    for latency in latencies:
+        sections.append(f"### {PLACES[latency.name].capitalize().replace('alsa', 'ALSA')}\n\n" +
+                        latency.table("50 other devices", True, ("notes",)))
+    sections.append("## Where the time goes\n\n" + (ROOT / "bench/where-the-time-goes.md").read_text())
+    for title, name, command, text in (
+            ("A message, parsed and published into an output that does nothing", "parse", "build/release/bench/parse_bench",
+             "The median of 21 runs of a million, with the fastest and the slowest. About 20 ns of each are the reading of "
+             "the\nhost clock, with which every message is stamped."),
+            ("Many devices", "scale", "python3 bench/scale.py", ""),
+            ("At rest", "idle", "python3 bench/idle.py", ""),
+            ("The launch", "launch", "python3 bench/launch.py",
+             "From the start to both browsers' first questions on the network. Most of the difference to a Qt program that "
+             "does\nnothing is the pause that multicast DNS puts before a first question (RFC 6762, section 5.2)."),
+            ("Beside a flood of garbage", "flood", "python3 bench/flood.py",
+             "What one device's notes suffer while another sends 20,000 datagrams of garbage a second: how long clock "
+             "exchanges\nfrom the same port wait for their answer, which is the work of the same thread.")):
+        sections.append(f"## {title}\n\n    {command}\n\n" + (text + "\n\n" if text else "") + figures(name))
+    (DOCS / "performance.md").write_text("\n".join(sections))
+
+
+if __name__ == "__main__":
+    main()

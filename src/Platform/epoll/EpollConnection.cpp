@@ -1,0 +1,140 @@
+#include "Platform/epoll/EpollConnection.h"
+
+#include "Platform/epoll/UDPSocket.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <sys/socket.h>
+#include <utility>
+
+namespace tessary {
+
+namespace {
+
+/// An app that is just starting opens its port within seconds; the invitation is repeated at this pace.
+constexpr auto retryPause = std::chrono::seconds(1);
+
+/// The network is not there now. It may come back, and says so by itself.
+bool isNoRoute(int error) {
+    return error == ENETUNREACH || error == EHOSTUNREACH || error == ENETDOWN || error == EADDRNOTAVAIL;
+}
+
+} // namespace
+
+EpollConnection::EpollConnection(EventLoop& loop, std::span<std::uint8_t> buffer,
+                                 std::optional<std::uint16_t> localPort, IPv4Host host,
+                                 std::uint16_t remotePort)
+    : loop_(loop)
+    , buffer_(buffer)
+    , localPort_(localPort)
+    , host_(host)
+    , remotePort_(remotePort) {}
+
+void EpollConnection::open() {
+    if (isSilent_) return;
+    auto [opened, error] = openConnected(localPort_, host_, remotePort_);
+    if (error) {
+        isWaitingForRoute_ = isNoRoute(error.value());
+        if (!isWaitingForRoute_) report(ConnectionState::failed, error);
+        return;
+    }
+    isWaitingForRoute_ = false;
+    isHeard_ = false;
+    setSocket(std::move(opened));
+    loop_.watch(socket_.file(), *this);
+    report(ConnectionState::ready);
+}
+
+void EpollConnection::setSocket(OpenFile socket) {
+    const std::lock_guard lock(socketMutex_);
+    std::swap(socket_, socket); // closing the old one also takes it from the loop
+}
+
+void EpollConnection::close() {
+    handlers_ = {};
+    setSocket({});
+}
+
+void EpollConnection::cancel() {
+    report(ConnectionState::cancelled);
+    silence();
+    close();
+}
+
+void EpollConnection::report(ConnectionState state, std::error_code error) {
+    if (!isSilent_ && handlers_.stateDidChange) handlers_.stateDidChange(state, error);
+}
+
+void EpollConnection::anotherStarts(const EpollConnection& other) {
+    isSuperseded_ |= localPort_ && localPort_ == other.localPort_ && host_ == other.host_ &&
+                     remotePort_ == other.remotePort_;
+}
+
+void EpollConnection::addressesChanged(const std::vector<IPv4Host>& own) {
+    if (isSuperseded_) return;
+    const bool isStranded =
+        socket_ && std::find(own.begin(), own.end(), localAddress(socket_.file())) == own.end();
+    // Until there is another way to the peer the old socket stays: its address may return.
+    if (isWaitingForRoute_ || (isStranded && !openConnected(localPort_, host_, remotePort_).error)) open();
+}
+
+// Receiving
+
+void EpollConnection::readable() {
+    const ssize_t size = ::recv(socket_.file(), buffer_.data(), buffer_.size(), 0);
+    if (isSilent_) return loop_.ignore(socket_.file());
+    if (size >= 0) {
+        isHeard_ = true;
+        handOn(buffer_.first(static_cast<std::size_t>(size)), {});
+    } else if (errno == ECONNREFUSED) {
+        refused();
+    } else if (errno != EAGAIN &&
+               !isNoRoute(errno)) { // EAGAIN: a send has met the error that was waiting here
+        handOn({}, {errno, std::system_category()});
+    }
+}
+
+void EpollConnection::handOn(std::span<const std::uint8_t> datagram, std::error_code error) {
+    if (!handlers_.received || handlers_.received(datagram, error) == Receive::stop)
+        loop_.ignore(socket_.file());
+}
+
+void EpollConnection::refused() {
+    if (isHeard_ || std::exchange(isRetrying_, true)) return;
+    loop_.at(EventLoop::Clock::now() + retryPause, [weak = weak_from_this()] {
+        const auto self = weak.lock();
+        if (!self) return;
+        self->isRetrying_ = false;
+        if (!self->isHeard_) self->report(ConnectionState::ready);
+    });
+}
+
+// Sending
+
+void EpollConnection::send(std::span<const std::uint8_t> datagram) {
+    int error = 0;
+    bool wasRefused = false;
+    {
+        const std::lock_guard lock(socketMutex_);
+        const auto attempt = [&] {
+            const bool isSent =
+                ::send(socket_.file(), datagram.data(), datagram.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0;
+            error = isSent ? 0 : errno;
+        };
+        attempt();
+        // The network's answer to an earlier datagram shows once, on the next call, and keeps that one from
+        // leaving.
+        if (error == ECONNREFUSED || error == EHOSTUNREACH || error == ENETUNREACH || error == EPROTO) {
+            wasRefused = error == ECONNREFUSED;
+            attempt();
+        }
+    }
+    if (wasRefused) loop_.post([self = shared_from_this()] { self->refused(); });
+    if (error == 0) return;
+    loop_.post([self = shared_from_this(), error] {
+        if (!self->isSilent_ && self->handlers_.sendFailed)
+            self->handlers_.sendFailed({error, std::system_category()});
+    });
+}
+
+} // namespace tessary

@@ -1,0 +1,107 @@
+#include "Platform/posix/RealTimePriority.h"
+
+#include "Platform/dbus/RealtimeKit.h"
+#include "Platform/posix/Thread.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <sched.h>
+#include <sys/resource.h>
+#include <sys/timerfd.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace tessary {
+
+namespace {
+
+/// What RealtimeKit demands; enough for any burst, and a machine that hangs for that long is not noticed.
+constexpr auto longestRun = std::chrono::milliseconds(200);
+
+/// The first pause before a thread that has stepped down asks again. The kernel forgets what a thread has run
+/// only when it waits with the priority that it was given: one that never does would be killed after some
+/// twenty times of asking. With pauses that double that takes years.
+constexpr time_t firstPause = 10;
+
+/// Set in a thread that may ask again.
+constinit thread_local int alarmOfThread = -1;
+constinit thread_local time_t pauseOfThread = firstPause;
+
+/// Only what is safe in a signal's handler: calls that go straight to the kernel.
+void stepDown(int) {
+    const int before = errno;
+    const sched_param ordinary{};
+    sched_setscheduler(0, SCHED_OTHER | SCHED_RESET_ON_FORK, &ordinary); // of the calling thread
+    limitRealTimeRun(longestRun); // the kernel has just raised it by a second
+    if (alarmOfThread >= 0) {
+        const itimerspec alarm{.it_interval = {}, .it_value = {.tv_sec = pauseOfThread, .tv_nsec = 0}};
+        timerfd_settime(alarmOfThread, 0, &alarm, nullptr);
+        pauseOfThread *= 2;
+    }
+    errno = before;
+}
+
+/// The kernel sends the signal to the thread that has run for too long, if that one takes it: every thread
+/// with such a priority is to, JACK's too.
+void handleSignal() {
+    struct sigaction action {};
+    action.sa_handler = stepDown;
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGXCPU, &action, nullptr);
+}
+
+bool raisePriority() {
+    for (sched_param wanted{.sched_priority = RealTimePriority::priority}; wanted.sched_priority > 0;
+         --wanted.sched_priority) { // the user's limit may be lower
+        if (sched_setscheduler(0, SCHED_FIFO | SCHED_RESET_ON_FORK, &wanted) == 0) return true;
+    }
+    return false;
+}
+
+} // namespace
+
+bool limitRealTimeRun(std::chrono::microseconds longest) {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_RTTIME, &limit) != 0) return false;
+    limit.rlim_max = std::min(limit.rlim_max, static_cast<rlim_t>(longest.count()));
+    limit.rlim_cur = limit.rlim_max / 2;
+    return setrlimit(RLIMIT_RTTIME, &limit) == 0;
+}
+
+RealTimePriority::RealTimePriority()
+    : alarm_(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
+    alarmOfThread = alarm_.file();
+    handleSignal();
+    sigset_t signal;
+    sigemptyset(&signal);
+    sigaddset(&signal, SIGXCPU);
+    pthread_sigmask(SIG_UNBLOCK, &signal, nullptr);
+}
+
+RealTimePriority::~RealTimePriority() {
+    alarmOfThread = -1;
+}
+
+void RealTimePriority::ask() {
+    if (raisePriority()) {
+        if (!limitRealTimeRun(longestRun)) stepDown(SIGXCPU);
+        return;
+    }
+    try {
+        startThread("tessary-rtkit", [thread = gettid()] {
+            askRealtimeKit(thread, priority, [](std::chrono::microseconds longest) {
+                return limitRealTimeRun(std::min<std::chrono::microseconds>(longest, longestRun));
+            });
+        }).detach();
+    } catch (const std::system_error&) { // no more threads: then none
+    }
+}
+
+void RealTimePriority::askAgain() {
+    const itimerspec none{};
+    timerfd_settime(alarm_.file(), 0, &none, nullptr);
+    ask();
+}
+
+} // namespace tessary
