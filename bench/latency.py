@@ -11,10 +11,12 @@ import argparse
 import json
 import os
 import pathlib
+import signal
 import statistics
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests/system"))
@@ -73,6 +75,9 @@ class Latency(SystemTest):
                                 kinds, f"program,{stamps},0", *sides], self.stage)
         device.wait_for("^open", PATIENCE)
         others = OTHERS if condition == "50 other devices" else []
+        if others:  # 1,000 messages a second in all
+            orchestra = self.device(self.stage, "--address", others[0], "--count", len(others), "--rate", 20)
+            orchestra.wait_for("announced", PATIENCE, len(others))
         rights = [] if isRealTime else ORDINARY
         if self.isSequencer:
             variables = environment(XDG_CONFIG_HOME=str(self.directory), HOME=str(self.directory))
@@ -80,13 +85,14 @@ class Latency(SystemTest):
             self.device(self.stage, "--address", DEVICE_ADDRESS, "--open-after", 3600)  # announces the device
         else:
             Process(self, [*rights, BUILD / "bench/latency_road", stamps, DEVICE_ADDRESS, *others], self.desk)
-        if others:  # 1,000 messages a second in all
-            orchestra = self.device(self.stage, "--address", others[0], "--count", len(others), "--rate", 20)
+        if others:
             orchestra.wait_for("running with", PATIENCE, len(others))
         device.wait_for("^running", PATIENCE)
         if condition == "both cores busy":
             for _ in range(2):
                 Process(self, ["sh", "-c", "while :; do :; done"])
+        time.sleep(0.5)  # they are at it
+        device.signal(signal.SIGUSR1)
         self.assertEqual(device.wait(PATIENCE + 20 * seconds), 0)
         for process in self.processes[first:]:
             if process.popen.poll() is None:
@@ -131,7 +137,7 @@ class Latency(SystemTest):
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--vm", action="store_true")
-    parser.add_argument("--rounds", type=int, default=5)
+    parser.add_argument("--rounds", type=int, default=4)
     parser.add_argument("--seconds", type=float, default=3)
     parser.add_argument("--json")
     arguments = Latency.arguments = parser.parse_args()

@@ -20,6 +20,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -243,6 +244,10 @@ int main(int argc, char** argv) {
         }
         sides.push_back(side);
     }
+    sigset_t signals; // held back in all threads
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     const std::array<int, 2> sockets{openSocket(argv[1], 5004), openSocket(argv[1], 5005)};
 
     std::thread([sockets] { answer(sockets); }).detach();
@@ -255,7 +260,8 @@ int main(int argc, char** argv) {
         if (side.to.sin_port == 0) side.to.sin_port = programPort;
     std::puts("running");
     std::fflush(stdout);
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    int signal = 0;
+    sigwait(&signals, &signal);
 
     std::istringstream chosen(argv[4]);
     for (std::string name; std::getline(chosen, name, ',');)

@@ -41,9 +41,10 @@ def machine():
     libraries = [line.split() for line in printed("dpkg-query", "-W", "-f", "${Package} ${Version}\n",
                                                   *LIBRARIES).splitlines()]
     hypervisor = processor.get("Hypervisor vendor", "").strip()
+    kernel = platform.release().split("-")[0]
     guest = vm._kernel()[0].name.removeprefix("vmlinuz-")
     emulator = printed("qemu-system-x86_64", "--version").splitlines()[0].split(" version ")[1].split()[0]
-    return (f"{system}, kernel {platform.release().split("-")[0]}, {os.cpu_count()} cores of an {processor['Model name'].strip()}" +
+    return (f"{system}, kernel {kernel}, {os.cpu_count()} cores of an {processor['Model name'].strip()}" +
             (f" (itself a virtual machine, of {hypervisor})" if hypervisor else "") +
             f", {int(memory) // 2 ** 20 + 1} GiB of memory. g++ {compiler}, preset `release`. " +
             ", ".join(f"{package} {version}" for package, version in libraries) +
