@@ -1,9 +1,13 @@
 #!/usr/bin/env python3
-"""What the program costs at rest in the panel: the icon shown, one session running, no JACK, no Avahi daemon. Needs
+"""What the program costs at rest, with 0, 1 and 250 sessions, and with one in the panel. No JACK, no Avahi daemon. Needs
 root.
 
-    python3 bench/idle.py [seconds]
+    python3 bench/idle.py [--seconds S] [--json FILE]
+
+JSON: `sessions`, a list of rows.
 """
+import argparse
+import json
 import pathlib
 import sys
 import time
@@ -11,14 +15,50 @@ import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests/system"))
 from desktop import Desktop  # noqa: E402
-from harness import SystemTest  # noqa: E402
+from harness import Program, SystemTest  # noqa: E402
 from usage import usage  # noqa: E402
 
-REST = float(sys.argv[1]) if len(sys.argv) > 1 else 60
+HEARTBEAT = 0.1  # a second and session; each is one wake-up to send it, and one for the answer
+FOUND = {"sessions": []}
 
 
 class Idle(SystemTest):
-    def test_idle(self):
+    seconds = 30.0
+
+    def measure(self, name, program, sessions):
+        time.sleep(10)  # the dense part of the heartbeat is over, and so are the questions of discovery's start
+        before = usage(program.pid)
+        time.sleep(self.seconds)
+        after = usage(program.pid)
+        wakeups = {thread: round((count - before.wakeups[thread]) / self.seconds, 2)
+                   for thread, count in after.wakeups.items() if count > before.wakeups[thread]}
+        total = sum(wakeups.values())
+        row = {"sessions": name, "wake-ups a second": round(total, 1),
+               "beyond the heartbeats": round(total - 2 * HEARTBEAT * sessions, 1),
+               "% of a core": round(100 * (after.seconds - before.seconds) / self.seconds, 2),
+               "resident, MiB": round(after.resident / 1024, 1), "of it the program's own, MiB": round(after.anonymous / 1024, 1),
+               "by thread": ", ".join(f"{thread} {count}" for thread, count in sorted(wakeups.items()))}
+        FOUND["sessions"].append(row)
+        print(", ".join(f"{key}: {value}" for key, value in row.items()), flush=True)
+        return row
+
+    def test_sessions(self):
+        desk = self.network.host("10.77.4.1/23")
+        stage = self.network.host(*(f"10.77.{4 + n // 256}.{n % 256}/23" for n in range(2, 252)))
+        for count in (0, 1, 250):
+            program = Program(self, desk)
+            if count:
+                devices = self.device(stage, "--address", "10.77.4.2", "--count", count, "--play", "nothing")
+                program.wait_for(r"^\[Dialer\] .* running$", 60, times=count)
+            row = self.measure(count, program, count)
+            if count == 1:
+                self.assertLessEqual(row["beyond the heartbeats"], 2)
+                self.assertLess(row["% of a core"], 0.1)
+            program.terminate()
+            if count:
+                devices.end()
+
+    def test_with_a_panel(self):
         host, stage = self.network.host("10.77.6.1/24"), self.network.host("10.77.6.2/24")
         desktop = Desktop(self, host).start_bus().start_display()
         desktop.xfce_panel()
@@ -26,17 +66,19 @@ class Idle(SystemTest):
         desktop.wait_for_item(20)
         self.device(stage, "--play", "nothing")
         program.wait_for(" running$")
-        time.sleep(10)  # the dense part of the heartbeat is over, and so are the questions of discovery's start
-        before = usage(program.pid)
-        time.sleep(REST)
-        after = usage(program.pid)
-        private = sum(int(line.split()[1]) for line in pathlib.Path(f"/proc/{program.pid}/smaps_rollup").open()
-                      if line.startswith("Private_"))
-        processor, wakeups = (100 * (after[0] - before[0]) / REST, (after[1] - before[1]) / REST)
-        print(f"resident: {after[2] / 1024:.1f} MB (limit 30), of it private {private / 1024:.1f} MB")
-        print(f"wake-ups: {wakeups:.1f} a second (limit 4)")
-        print(f"processor: {processor:.2f} % of a core (limit 0.2)")
+        row = self.measure("1, in Xfce's panel", program, 1)
+        self.assertLessEqual(row["resident, MiB"], 30)
+        self.assertLessEqual(row["wake-ups a second"], 4)
+        self.assertLess(row["% of a core"], 0.2)
 
 
 if __name__ == "__main__":
-    unittest.main(argv=sys.argv[:1])
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--seconds", type=float, default=Idle.seconds)
+    parser.add_argument("--json", type=pathlib.Path)
+    arguments = parser.parse_args()
+    Idle.seconds = arguments.seconds
+    result = unittest.main(argv=sys.argv[:1], exit=False).result
+    if arguments.json:
+        arguments.json.write_text(json.dumps({"name": "idle"} | FOUND))
+    sys.exit(not result.wasSuccessful())

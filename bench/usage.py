@@ -1,13 +1,21 @@
 """What a process costs, as the kernel counts it."""
+import collections
 import os
 import pathlib
 
+Usage = collections.namedtuple("Usage", "seconds wakeups resident anonymous")
+
 
 def usage(pid):
-    """Seconds of processor time, voluntary switches of all threads, resident KiB."""
-    fields = pathlib.Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()
-    status = [path.read_text() for path in pathlib.Path(f"/proc/{pid}/task").glob("*/status")]
-    switches = sum(int(line.split()[1]) for text in status for line in text.splitlines()
-                   if line.startswith("voluntary"))
-    resident = int(pathlib.Path(f"/proc/{pid}/statm").read_text().split()[1]) * os.sysconf("SC_PAGESIZE") // 1024
-    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK"), switches, resident
+    """Seconds of processor time, voluntary switches of each thread by name, KiB that are resident and those of
+    them that belong to no file."""
+    process = pathlib.Path(f"/proc/{pid}")
+    fields = (process / "stat").read_text().rsplit(")", 1)[1].split()
+    wakeups = collections.Counter()
+    for task in (process / "task").iterdir():
+        status = dict(line.split(":", 1) for line in (task / "status").read_text().splitlines())
+        wakeups[status["Name"].strip()] += int(status["voluntary_ctxt_switches"])
+    rollup = [line.split() for line in (process / "smaps_rollup").read_text().splitlines()]
+    memory = {line[0]: int(line[1]) for line in rollup if line[0] in ("Rss:", "Anonymous:")}
+    return Usage((int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK"), wakeups, memory["Rss:"],
+                 memory["Anonymous:"])
