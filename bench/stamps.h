@@ -7,7 +7,8 @@
 #include <time.h>
 #include <unistd.h>
 
-/* A message of the measurement is on channel 16, and its two data bytes (of which the second is not 0) number it. */
+/* A message of the measurement is on channel 16, and its two data bytes (of which the second is not 0) number
+ * it. */
 enum { STAMP_COUNT = 128 * 127, STAMP_BYTES = STAMP_COUNT * 8, STAMP_CHANNEL = 15 };
 
 /* Nanoseconds of the monotonic clock. */
