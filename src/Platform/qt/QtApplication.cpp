@@ -56,6 +56,13 @@ void choosePlatform() {
     unsetenv("QT_QPA_PLATFORMTHEME");
 }
 
+/// Lets the process end in any case: what is still to be taken down may wait for others, as Qt does for its
+/// D-Bus thread, and that one for a bus that does not answer.
+void endSoon() {
+    signal(SIGALRM, [](int) { _exit(EXIT_SUCCESS); });
+    alarm(3);
+}
+
 } // namespace
 
 struct QtApplication::Parts {
@@ -94,6 +101,7 @@ int QtApplication::run(std::function<void()> didFinishLaunching, std::function<v
     QMetaObject::invokeMethod(&parts_->application, std::move(didFinishLaunching), Qt::QueuedConnection);
     const int status = QCoreApplication::exec();
     std::exchange(willTerminate_, nullptr)();
+    endSoon();
     return status;
 }
 

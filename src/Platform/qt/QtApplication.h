@@ -21,7 +21,8 @@ class QtApplication : public Application {
     /// ignored) or the end of the desktop session.
     ///
     /// @param didFinishLaunching  called once from the loop
-    /// @param willTerminate       called once after the loop, before this returns 0
+    /// @param willTerminate       called once after the loop, before this returns 0; from then on the process
+    ///                            has three seconds to end by itself
     int run(std::function<void()> didFinishLaunching, std::function<void()> willTerminate);
 
     void terminate() override;
