@@ -1,13 +1,15 @@
 """Real-time priority for the network thread, as the kernel shows it: from RealtimeKit for an ordinary user, and none
 where it is refused or where the bus does not answer. Nothing else of the program is to depend on that."""
+import glob
 import os
 import pathlib
+import re
 import shutil
 import signal
 import socket
 import unittest
 
-from harness import Process, Program, SystemTest, until
+from harness import Process, Program, SystemTest, environment, until
 from test_daemon import BUS
 
 RTKIT = "/usr/libexec/rtkit-daemon"
@@ -18,23 +20,27 @@ ORDINARY = 0  # SCHED_OTHER, as in /proc
 MODEST = 4    # below any audio thread
 
 
-def scheduling(process):
-    """Name, policy and real-time priority of each thread."""
+def threads(process):
+    """Folder, name, policy and real-time priority of each thread."""
     found = []
     for task in pathlib.Path("/proc", str(process.pid), "task").iterdir():
         try:
             fields = (task / "stat").read_text().rpartition(")")[2].split()
-            found.append(((task / "comm").read_text().strip(), int(fields[38]), int(fields[37])))
+            found.append((task, (task / "comm").read_text().strip(), int(fields[38]), int(fields[37])))
         except OSError:  # it has just ended
             pass
     return found
 
 
-def takes_termination(process):
-    """Whether SIGTERM does not just kill it any more."""
-    status = pathlib.Path("/proc", str(process.pid), "status").read_text()
-    blocked = int(status.partition("SigBlk:")[2].split()[0], 16)
-    return blocked >> (signal.SIGTERM - 1) & 1
+def scheduling(process):
+    """Name, policy and real-time priority of each thread."""
+    return [each[1:] for each in threads(process)]
+
+
+def blocks(task, number):
+    """Whether a signal does not reach the thread."""
+    blocked = int((task / "status").read_text().partition("SigBlk:")[2].split()[0], 16)
+    return blocked >> (number - 1) & 1
 
 
 class UsersProgram(Program):
@@ -99,6 +105,26 @@ class RealTime(SystemTest):
                 self.assertEqual((name, policy), (name, ORDINARY))
         self.assertNotIn("tessary-rtkit", [name for name, _, _ in scheduling(program)])
 
+    def test_pipewires_jack_library_does_not_take_the_warning_from_a_flood(self):
+        libraries = glob.glob("/usr/lib/*/pipewire-0.3/jack")
+        if not libraries or not shutil.which("pipewire"):
+            self.skipTest("missing: PipeWire's JACK library")
+        self.bus("YES")
+        runtime = self.directory / "runtime"
+        runtime.mkdir(mode=0o700)
+        os.chown(runtime, NOBODY, NOBODY)
+        self.directory.chmod(0o777)
+        Process(self, ["pipewire"], AsUser(self.desk), environment(XDG_RUNTIME_DIR=str(runtime), HOME=str(runtime)))
+        until((runtime / "pipewire-0").exists, 10, "PipeWire runs")
+        program = UsersProgram(self, self.desk, {"LD_LIBRARY_PATH": libraries[0], "XDG_RUNTIME_DIR": str(runtime)})
+        audio = lambda: [task for task, _, _, priority in threads(program) if priority > MODEST]
+        until(audio, 10, "PipeWire's thread has its priority")
+        limits = pathlib.Path("/proc", str(program.pid), "limits")
+        until(lambda: re.search("Max realtime timeout +100000 +200000 ", limits.read_text()), 10, "they are told first")
+        for task in audio():
+            self.assertFalse(blocks(task, signal.SIGXCPU))
+        self.assertPlays(program)
+
     def test_a_refusal_is_taken_in_silence(self):
         self.bus("NO")
         program = UsersProgram(self, self.desk)
@@ -128,7 +154,7 @@ class RealTime(SystemTest):
         variables = self.mute_bus()
         for _ in range(12):  # which of the threads that ask the bus comes first is left to chance
             program = Program(self, self.desk, variables=variables)
-            until(lambda: takes_termination(program), 10, "it takes the signal")
+            until(lambda: blocks(pathlib.Path("/proc", str(program.pid)), signal.SIGTERM), 10, "it handles the signal")
             program.signal(signal.SIGTERM)
             self.assertEqual(program.wait(10), 0)
 

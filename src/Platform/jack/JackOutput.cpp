@@ -3,13 +3,14 @@
 #include "Platform/MIDIRing.h"
 #include "Platform/jack/CycleTime.h"
 #include "Platform/jack/JackLibrary.h"
+#include "Platform/posix/RealTimePriority.h"
+#include "Platform/posix/Thread.h"
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
-#include <csignal>
 #include <ctime>
 #include <mutex>
 #include <optional>
@@ -85,8 +86,7 @@ class JackOutput::Link {
     /// Keeps a client, and a port if one is wanted, at the server until `close` is called. Gives up at once
     /// if there is no server at the start; later, tries again until there is one.
     ///
-    /// Runs on: a thread of its own, with every signal blocked but those of faults; JACK's threads inherit
-    /// that.
+    /// Runs on: a thread of its own, with every signal blocked but SIGXCPU; JACK's threads inherit that.
     void run();
 
     // The following run on the main thread.
@@ -157,6 +157,7 @@ void JackOutput::Link::abandon() {
 }
 
 void JackOutput::Link::run() {
+    stepDownWhenTold();
     jack_ = JackLibrary::load();
     if (jack_) {
         jack_->set_error_function(ignoreMessage);
@@ -222,6 +223,7 @@ jack_status_t JackOutput::Link::openClient() {
     if (!jack_) return static_cast<jack_status_t>(JackFailure | JackServerFailed); // as with no server
     jack_status_t status{};
     client_ = jack_->client_open(clientName_.c_str(), JackNoStartServer, &status);
+    limitRealTimeRun(); // with PipeWire's library comes a limit that kills without telling first
     if (!client_) return status;
     jack_->on_shutdown(client_, serverLost, this);
     jack_->set_process_callback(client_, process, this);
@@ -359,18 +361,11 @@ MIDIStatus JackOutput::createClient(std::string_view name, MIDIObjectRef& client
     client = 0;
     if (thread_.joinable() || !link_->prepare(name)) return -EBUSY;
 
-    sigset_t blocked;
-    sigset_t previous;
-    sigfillset(&blocked);
-    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT})
-        sigdelset(&blocked, fault);
-    pthread_sigmask(SIG_SETMASK, &blocked, &previous);
     try {
-        thread_ = std::thread([link = link_] { link->run(); });
+        thread_ = startThread("tessary-jack", [link = link_] { link->run(); });
     } catch (const std::system_error&) {
         link_->abandon();
     }
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
 
     const MIDIStatus status = link_->awaitClient();
     if (status == 0)

@@ -16,9 +16,6 @@ namespace tessary {
 
 namespace {
 
-/// What RealtimeKit demands; enough for any burst, and a machine that hangs for that long is not noticed.
-constexpr auto longestRun = std::chrono::milliseconds(200);
-
 /// The first pause before a thread that has stepped down asks again. The kernel forgets what a thread has run
 /// only when it waits with the priority that it was given: one that never does would be killed after some
 /// twenty times of asking. With pauses that double that takes years.
@@ -33,22 +30,13 @@ void stepDown(int) {
     const int before = errno;
     const sched_param ordinary{};
     sched_setscheduler(0, SCHED_OTHER | SCHED_RESET_ON_FORK, &ordinary); // of the calling thread
-    limitRealTimeRun(longestRun); // the kernel has just raised it by a second
+    limitRealTimeRun(); // the kernel has just raised it by a second
     if (alarmOfThread >= 0) {
         const itimerspec alarm{.it_interval = {}, .it_value = {.tv_sec = pauseOfThread, .tv_nsec = 0}};
         timerfd_settime(alarmOfThread, 0, &alarm, nullptr);
         pauseOfThread *= 2;
     }
     errno = before;
-}
-
-/// The kernel sends the signal to the thread that has run for too long, if that one takes it: every thread
-/// with such a priority is to, JACK's too.
-void handleSignal() {
-    struct sigaction action {};
-    action.sa_handler = stepDown;
-    action.sa_flags = SA_RESTART;
-    sigaction(SIGXCPU, &action, nullptr);
 }
 
 bool raisePriority() {
@@ -69,14 +57,23 @@ bool limitRealTimeRun(std::chrono::microseconds longest) {
     return setrlimit(RLIMIT_RTTIME, &limit) == 0;
 }
 
-RealTimePriority::RealTimePriority()
-    : alarm_(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
-    alarmOfThread = alarm_.file();
-    handleSignal();
+// The kernel sends the signal to the thread that has run for too long if that one takes it, else to any
+// other.
+void stepDownWhenTold() {
+    struct sigaction action {};
+    action.sa_handler = stepDown;
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGXCPU, &action, nullptr);
     sigset_t signal;
     sigemptyset(&signal);
     sigaddset(&signal, SIGXCPU);
     pthread_sigmask(SIG_UNBLOCK, &signal, nullptr);
+}
+
+RealTimePriority::RealTimePriority()
+    : alarm_(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
+    alarmOfThread = alarm_.file();
+    stepDownWhenTold();
 }
 
 RealTimePriority::~RealTimePriority() {
@@ -85,13 +82,13 @@ RealTimePriority::~RealTimePriority() {
 
 void RealTimePriority::ask() {
     if (raisePriority()) {
-        if (!limitRealTimeRun(longestRun)) stepDown(SIGXCPU);
+        if (!limitRealTimeRun()) stepDown(SIGXCPU);
         return;
     }
     try {
         startThread("tessary-rtkit", [thread = gettid()] {
             askRealtimeKit(thread, priority, [](std::chrono::microseconds longest) {
-                return limitRealTimeRun(std::min<std::chrono::microseconds>(longest, longestRun));
+                return limitRealTimeRun(std::min<std::chrono::microseconds>(longest, longestRealTimeRun));
             });
         }).detach();
     } catch (const std::system_error&) { // no more threads: then none

@@ -40,8 +40,15 @@ class RealTimePriority {
     const OpenFile alarm_;
 };
 
+/// What RealtimeKit demands; enough for any burst, and a machine that hangs for that long is not noticed.
+constexpr std::chrono::milliseconds longestRealTimeRun{200};
+
 /// Limits how long a thread of this process may run with real-time priority without ever waiting: half of
 /// `longest` until it is told, `longest` until the process is killed.
-bool limitRealTimeRun(std::chrono::microseconds longest);
+bool limitRealTimeRun(std::chrono::microseconds longest = longestRealTimeRun);
+
+/// Makes the calling thread, and those that it will start, step down when they are told, whoever gave them
+/// their priority. To be called where a library is going to start such threads.
+void stepDownWhenTold();
 
 } // namespace tessary
