@@ -5,8 +5,13 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
+#include <functional>
 #include <gtest/gtest.h>
+#include <netinet/ip.h>
+#include <netinet/ip_icmp.h>
+#include <netinet/udp.h>
 #include <sched.h>
 #include <string>
 #include <thread>
@@ -80,6 +85,61 @@ class Hold {
     };
     const std::shared_ptr<State> state_ = std::make_shared<State>();
 };
+
+bool configure(const std::string& arguments) {
+    return std::system(("ip " + arguments).c_str()) == 0;
+}
+
+/// Runs the body where this machine has the address 10.77.0.1 and no other but the loopback's; answers
+/// whether that can be had.
+bool inNetworkOfItsOwn(const std::function<void()>& body) {
+    bool isApart = false;
+    std::thread([&] {
+        if (unshare(CLONE_NEWNET) != 0) return;
+        isApart = configure("link set lo up") && configure("link add lan type veth peer name far") &&
+                  configure("link set lan up") && configure("link set far up") &&
+                  configure("addr add 10.77.0.1/24 dev lan");
+        if (isApart) body();
+    }).join();
+    return isApart;
+}
+constexpr const char* needsRoot = "making a network needs root";
+
+/// Pretends that the network answers a datagram from 127.0.0.1 to the peer (RFC 792).
+void answer(std::uint8_t type, std::uint8_t code, std::uint16_t fromPort, const IPv4Host& peer,
+            std::uint16_t peerPort) {
+    struct {
+        icmphdr answer{};
+        iphdr ip{};
+        udphdr udp{};
+    } packet;
+    packet.answer.type = type;
+    packet.answer.code = code;
+    packet.answer.un.frag.mtu = htons(1400);
+    packet.ip.version = 4;
+    packet.ip.ihl = 5;
+    packet.ip.ttl = 64;
+    packet.ip.protocol = IPPROTO_UDP;
+    packet.ip.tot_len = htons(sizeof packet.ip + sizeof packet.udp);
+    packet.ip.saddr = htonl(INADDR_LOOPBACK);
+    std::memcpy(&packet.ip.daddr, peer.bytes.data(), 4);
+    packet.udp.source = htons(fromPort);
+    packet.udp.dest = htons(peerPort);
+    packet.udp.len = htons(sizeof packet.udp);
+    const std::span<const std::uint8_t> bytes(reinterpret_cast<const std::uint8_t*>(&packet), sizeof packet);
+    std::uint32_t sum = 0;
+    for (std::size_t i = 0; i < bytes.size(); i += 2)
+        sum += static_cast<std::uint32_t>(bytes[i] | bytes[i + 1] << 8);
+    sum = (sum & 0xFFFF) + (sum >> 16);
+    packet.answer.checksum = static_cast<std::uint16_t>(~(sum + (sum >> 16)));
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const int file = socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_ICMP);
+    EXPECT_EQ(sendto(file, &packet, sizeof packet, 0, reinterpret_cast<const sockaddr*>(&to), sizeof to),
+              static_cast<ssize_t>(sizeof packet));
+    close(file);
+}
 
 } // namespace
 
@@ -217,16 +277,35 @@ TEST(EpollNetworkTest, AfterCancelOrDestructionNoHandlerIsEntered) {
     EXPECT_TRUE(dropped.reports->datagrams.isEmpty());
 }
 
+TEST(EpollNetworkTest, NoAnswerOfTheNetworkMakesAConnectionDeafOrKeepsADatagramFromLeaving) {
+    const bool isApart = inNetworkOfItsOwn([] {
+        EpollNetwork network({});
+        const std::uint16_t local = freePort();
+        PeerSocket peer(firstHost);
+        Listened listened(network, local, firstHost, peer.port());
+        EXPECT_EQ(listened.nextState(), ConnectionState::ready);
+        std::vector<std::pair<std::uint8_t, std::uint8_t>> answers{{ICMP_PARAMETERPROB, 0}};
+        for (std::uint8_t code = 0; code <= NR_ICMP_UNREACH; ++code)
+            answers.emplace_back(ICMP_DEST_UNREACH, code);
+        for (const auto& [type, code] : answers) {
+            SCOPED_TRACE(testing::Message() << "type " << int{type} << ", code " << int{code});
+            {
+                const Hold hold(network); // so that it is the sender who meets the answer
+                answer(type, code, local, firstHost, peer.port());
+                listened.connection->send(Bytes{code});
+                EXPECT_EQ(peer.receive().bytes, Bytes{code});
+            }
+            answer(type, code, local, firstHost, peer.port());
+            peer.sendTo(local, Bytes{code});
+            ASSERT_EQ(listened.reports->datagrams.next(2s), Bytes{code});
+        }
+        EXPECT_TRUE(listened.reports->errors.isEmpty());
+    });
+    if (!isApart) GTEST_SKIP() << needsRoot;
+}
+
 TEST(EpollNetworkTest, WhenAddressesChangeTheNewestOfTwoConnectionsToAPeerHearsIt) {
-    const auto ip = [](const std::string& arguments) {
-        return std::system(("ip " + arguments).c_str()) == 0;
-    };
-    bool isApart = false;
-    std::thread([&] { // in a network of its own
-        if (unshare(CLONE_NEWNET) != 0) return;
-        isApart = true;
-        ASSERT_TRUE(ip("link set lo up") && ip("link add lan type veth peer name far") &&
-                    ip("link set lan up") && ip("link set far up") && ip("addr add 10.77.0.1/24 dev lan"));
+    const bool isApart = inNetworkOfItsOwn([] {
         EpollNetwork network{};
         const IPv4Host peer{{10, 77, 0, 2}};
         const auto port = freePort();
@@ -234,13 +313,36 @@ TEST(EpollNetworkTest, WhenAddressesChangeTheNewestOfTwoConnectionsToAPeerHearsI
         EXPECT_EQ(ended.nextState(), ConnectionState::ready);
         Listened present(network, port, peer, 5004);
         EXPECT_EQ(present.nextState(), ConnectionState::ready);
-        ASSERT_TRUE(ip("addr del 10.77.0.1/24 dev lan") && ip("addr add 10.77.0.9/24 dev lan"));
+        ASSERT_TRUE(configure("addr del 10.77.0.1/24 dev lan") && configure("addr add 10.77.0.9/24 dev lan"));
         EXPECT_EQ(present.nextState(), ConnectionState::ready);
         const Hold untilBothHaveSeenIt(network);
         EXPECT_TRUE(ended.reports->states.isEmpty());
-    })
-        .join();
-    if (!isApart) GTEST_SKIP() << "making a network needs root";
+    });
+    if (!isApart) GTEST_SKIP() << needsRoot;
+}
+
+TEST(EpollNetworkTest, WhenAddressesChangeThePortsAreOpenedAnewInTheirOrder) {
+    const bool isApart = inNetworkOfItsOwn([] {
+        EpollNetwork network{};
+        Reports<int> ready;
+        std::vector<std::shared_ptr<UDPConnection>> connections;
+        for (int number = 0; number < 8; ++number) { // a control and a data port for each of four devices
+            const IPv4Host peer{{10, 77, 0, static_cast<std::uint8_t>(2 + number / 2)}};
+            connections.push_back(
+                network.makeConnection(freePort(), peer, static_cast<std::uint16_t>(5004 + number % 2)));
+            connections.back()->setHandlers(
+                {.stateDidChange = [&ready, number](ConnectionState, std::error_code) { ready.add(number); },
+                 .received = {},
+                 .sendFailed = {}});
+            connections.back()->start(network.makeQueue("test"));
+            EXPECT_EQ(ready.next(), number);
+        }
+        ASSERT_TRUE(configure("addr del 10.77.0.1/24 dev lan") && configure("addr add 10.77.0.9/24 dev lan"));
+        for (int number = 0; number < 8; ++number)
+            EXPECT_EQ(ready.next(), number);
+        network.stop(); // before what it reports to goes
+    });
+    if (!isApart) GTEST_SKIP() << needsRoot;
 }
 
 TEST(EpollNetworkTest, AFloodingPeerLeavesTheOthersTheirTurn) {

@@ -87,6 +87,7 @@ class Faults(SystemTest):
         device.wait_for(r"control invitation from 10\.77\.6\.9:51204 ")
         device.wait_for(r"running with 10\.77\.6\.9$", 15)
         receiver.wait_for_messages(len(receiver.messages) + 200)
+        self.assertEqual(program.times("failed"), [], "the session goes on")
         self.assertEqual(program.popen.poll(), None)
 
 

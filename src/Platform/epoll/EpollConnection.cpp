@@ -19,6 +19,25 @@ bool isNoRoute(int error) {
     return error == ENETUNREACH || error == EHOSTUNREACH || error == ENETDOWN || error == EADDRNOTAVAIL;
 }
 
+/// The network's answer (ICMP) to an earlier datagram. It shows once, at the next call, whichever that is,
+/// and the socket is as good as before. Such an answer can be forged, so none may end anything.
+bool isAnswer(int error) {
+    switch (error) {
+    case ECONNREFUSED:
+    case EHOSTUNREACH:
+    case ENETUNREACH:
+    case EHOSTDOWN:
+    case ENONET:
+    case ENOPROTOOPT:
+    case EOPNOTSUPP:
+    case EMSGSIZE:
+    case EPROTO:
+        return true;
+    default:
+        return false;
+    }
+}
+
 } // namespace
 
 EpollConnection::EpollConnection(EventLoop& loop, std::span<std::uint8_t> buffer,
@@ -88,9 +107,8 @@ void EpollConnection::readable() {
         handOn(buffer_.first(static_cast<std::size_t>(size)), {});
     } else if (errno == ECONNREFUSED) {
         refused();
-    } else if (errno != EAGAIN &&
-               !isNoRoute(errno)) { // EAGAIN: a send has met the error that was waiting here
-        handOn({}, {errno, std::system_category()});
+    } else if (errno != EAGAIN && !isAnswer(errno) && !isNoRoute(errno)) {
+        handOn({}, {errno, std::system_category()}); // EAGAIN: a send has met the answer that waited here
     }
 }
 
@@ -122,9 +140,7 @@ void EpollConnection::send(std::span<const std::uint8_t> datagram) {
             error = isSent ? 0 : errno;
         };
         attempt();
-        // The network's answer to an earlier datagram shows once, on the next call, and keeps that one from
-        // leaving.
-        if (error == ECONNREFUSED || error == EHOSTUNREACH || error == ENETUNREACH || error == EPROTO) {
+        if (isAnswer(error)) { // to an earlier datagram; it has kept this one from leaving
             wasRefused = error == ECONNREFUSED;
             attempt();
         }

@@ -14,8 +14,9 @@ namespace tessary {
 
 /// What the network thread holds of a connection. Its owner holds a handle, which only posts to it and sends.
 ///
-/// A port-unreachable answer means that nobody listens there now, not that the socket is broken: the receive
-/// goes on, and as long as the peer was never heard the connection reports ready again a second later.
+/// An answer of the network (ICMP) does not mean that the socket is broken: the receive goes on, and what was
+/// to be sent is sent. Port unreachable means that nobody listens there now: as long as the peer was never
+/// heard, the connection reports ready again a second later.
 ///
 /// Runs on: the network thread, but for `send` and `silence`.
 class EpollConnection final : public EventLoop::Reader, public std::enable_shared_from_this<EpollConnection> {

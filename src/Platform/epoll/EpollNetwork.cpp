@@ -10,7 +10,6 @@
 #include "Platform/posix/Thread.h"
 
 #include <optional>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -18,8 +17,9 @@ namespace tessary {
 
 namespace {
 
-/// The connections that are open or about to be. Used on: the network thread.
-using Connections = std::unordered_set<std::shared_ptr<EpollConnection>>;
+/// The connections that are open or about to be, in the order of their starts: when the addresses change they
+/// are opened anew in that order, a session's control port before its data port. Used on: the network thread.
+using Connections = std::vector<std::shared_ptr<EpollConnection>>;
 
 /// All queues share the one thread, which makes each of them serial.
 class LoopQueue : public TimerQueue {
@@ -107,7 +107,7 @@ class ConnectionHandle : public UDPConnection {
         connection_->silence();
         loop_.post([connection = connection_, &connections = connections_] {
             connection->close();
-            connections.erase(connection);
+            std::erase(connections, connection);
         });
     }
 
@@ -117,7 +117,7 @@ class ConnectionHandle : public UDPConnection {
         loop_.post([connection = connection_, &connections = connections_] {
             for (const auto& other : connections)
                 other->anotherStarts(*connection);
-            connections.insert(connection);
+            connections.push_back(connection);
             connection->open();
         });
     }
