@@ -23,11 +23,12 @@ class Launch(SystemTest):
         host = self.network.host("10.77.5.1/24")
         desktop = Desktop(self, host).start_bus().start_display()
         desktop.xfce_panel()
-        first = desktop.program()  # after which everything is in the page cache
-        desktop.wait_for_item(20)
-        first.terminate()
         wire = Process(self, ["tshark", "-i", "lan", "-n", "-l", "-T", "fields", "-e", "frame.time_epoch", "-e",
                               "dns.qry.name", "-f", "udp dst port 5353"], host)
+        first = desktop.program()  # after which everything is in the page cache
+        desktop.wait_for_item(20)
+        wire.wait_for("_tessarylink")  # the capture runs too
+        first.terminate()
         program, bare = [], []
         for _ in range(RUNS):
             began = time.time()
