@@ -187,7 +187,7 @@ TEST(RealTimePriorityDeathTest, TheNetworkThreadAloneHasIt) {
 // For an ordinary user the kernel refuses. What then happens must hold nobody up, whatever the bus does.
 
 TEST(RealTimePriorityDeathTest, ABusThatNeverAnswersHoldsNobodyUp) {
-    if (geteuid() != 0) GTEST_SKIP() << "drops to another user";
+    if (geteuid() != 0) GTEST_SKIP() << "needs root, to become another user";
     const std::string path = testing::TempDir() + "tessary-mute-bus-" + std::to_string(getpid());
     EXPECT_EXIT(
         {
