@@ -16,6 +16,7 @@
 #include "Platform/qt/QtText.h"
 #include "Platform/xdg/AutostartEntry.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
@@ -38,6 +39,7 @@ std::unique_ptr<MIDIOutput> makeMIDIOutput() {
 }
 
 int runApplication(char* programName) {
+    signal(SIGPIPE, SIG_IGN); // a reader of our output that leaves is no reason to stop playing
     const std::string preferencesPath = JSONPreferences::defaultPath();
     const InstanceLock lock(
         InstanceLock::defaultFolders(std::filesystem::path(preferencesPath).parent_path()));

@@ -346,6 +346,10 @@ TEST_F(AutostartEntryTest, WhatIsInTheWayGivesTheError) {
     expectFailure(login.registerProgram(), EISDIR, file);
     expectFailure(login.unregisterProgram(), EISDIR, file);
     EXPECT_TRUE(fs::exists(file / "a folder where the file should be"));
+
+    fs::remove_all(file);
+    expectFailure(entry({}).registerProgram(), ENOENT, "/proc/self/exe"); // a program that cannot find itself
+    EXPECT_EQ(filesThere(), 0);
 }
 
 TEST_F(AutostartEntryTest, FindsTheFoldersThroughTheEnvironment) {

@@ -11,6 +11,7 @@
 #include <sstream>
 #include <sys/fsuid.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -110,6 +111,39 @@ TEST_F(JSONPreferencesTest, ALinkStaysALink) {
     EXPECT_TRUE(fs::is_symlink(link));
     EXPECT_EQ(JSONPreferences(file).number("a"), 1);
     EXPECT_EQ(read(file.string() + ".unreadable"), "{");
+
+    fs::remove(file); // and one that leads nowhere yet
+    JSONPreferences(link).setNumber("a", 2);
+    EXPECT_TRUE(fs::is_symlink(link));
+    EXPECT_EQ(JSONPreferences(file).number("a"), 2);
+}
+
+TEST_F(JSONPreferencesTest, WhatElseLiesThereIsLeftAlone) {
+    write("{}");
+    fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write);
+    const std::set<std::string> theirs{"preferences.json.backup", "preferences.json.Backup",
+                                       "preferences.json~"};
+    for (const std::string& name : theirs)
+        std::ofstream(file.parent_path() / name) << "theirs";
+    JSONPreferences(file).setNumber("a", 1);
+    for (const std::string& name : theirs)
+        EXPECT_EQ(read(file.parent_path() / name), "theirs");
+    EXPECT_EQ(listed().size(), 1 + theirs.size());
+    EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+}
+
+TEST_F(JSONPreferencesTest, WhatIsNoFileIsNeitherWaitedForNorReplaced) {
+    fs::create_directories(file.parent_path());
+    ASSERT_EQ(mkfifo((folder / "pipe").c_str(), 0600), 0);
+    for (const fs::path& there : {folder / "pipe", folder, fs::path("/dev/zero")}) {
+        fs::create_symlink(there, file);
+        JSONPreferences preferences(file);
+        preferences.setNumber("a", 1);
+        EXPECT_EQ(preferences.number("a"), 1);
+        EXPECT_FALSE(fs::is_regular_file(there));
+        EXPECT_EQ(listed(), std::set<std::string>{"preferences.json"});
+        fs::remove(file);
+    }
 }
 
 TEST_F(JSONPreferencesTest, WhatCannotBeSavedStillHoldsForThisRun) {

@@ -6,12 +6,12 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QSaveFile>
 #include <QStandardPaths>
 #include <cmath>
 #include <filesystem>
 #include <limits>
 #include <system_error>
+#include <unistd.h>
 
 namespace tessary {
 
@@ -21,11 +21,17 @@ QString text(std::string_view utf8) {
     return QString::fromUtf8(utf8.data(), static_cast<qsizetype>(utf8.size()));
 }
 
-/// The file's object; absent if there is a file that is none.
+/// A folder, a pipe or a device: reading it may never end, and it is not ours to replace.
+bool isNoFile(const QString& path) {
+    const QFileInfo info(path);
+    return info.exists() && !info.isFile();
+}
+
+/// The file's object; absent if there is something that is none.
 std::optional<QJsonObject> load(const QString& path) {
     QFile file(path);
     if (!file.exists()) return QJsonObject{};
-    if (!file.open(QIODevice::ReadOnly)) return std::nullopt;
+    if (isNoFile(path) || !file.open(QIODevice::ReadOnly)) return std::nullopt;
     const QJsonDocument document = QJsonDocument::fromJson(file.readAll());
     if (!document.isObject()) return std::nullopt;
     return document.object();
@@ -33,8 +39,9 @@ std::optional<QJsonObject> load(const QString& path) {
 
 /// Where a symbolic link leads, so that what is set aside and what is replaced are the same file.
 QString target(const QString& path) {
-    const QString real = QFileInfo(path).canonicalFilePath();
-    return real.isEmpty() ? path : real;
+    const QFileInfo info(path);
+    if (info.exists()) return info.canonicalFilePath();
+    return info.isSymLink() ? info.symLinkTarget() : path;
 }
 
 /// Gives the file a second name, so that there is a file at every moment until the new one takes the first.
@@ -103,18 +110,23 @@ void JSONPreferences::save() {
         loaded_->insert(member.key(), member.value());
     }
 
-    const QDir folder = QFileInfo(*path_).absoluteDir();
-    if (!folder.exists()) QDir().mkpath(folder.path());
-    // What a save has left that was killed.
-    const QString left = QFileInfo(*path_).fileName() + QStringLiteral(".??????");
-    for (const QString& name : folder.entryList({left}, QDir::Files))
-        QFile::remove(folder.filePath(name));
-    QSaveFile file(*path_);
-    if (!file.open(QIODevice::WriteOnly)) return;
+    if (isNoFile(*path_)) return;
+    QDir().mkpath(QFileInfo(*path_).absolutePath());
+    const QString unsaved = *path_ + QStringLiteral(".unsaved");
+    QFile::remove(unsaved); // a save that was killed has left it
+    QFile file(unsaved);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::NewOnly)) return;
+    if (QFile::exists(*path_)) file.setPermissions(QFile::permissions(*path_));
     file.write(QJsonDocument(next).toJson());
-    if (!file.flush()) return; // the disk is full: the old one stays where it is
+    const bool isWritten = file.flush() && fsync(file.handle()) == 0;
+    file.close();
+    if (!isWritten) { // the disk is full: the old one stays where it is
+        QFile::remove(unsaved);
+        return;
+    }
     if (!present) setAside(*path_);
-    file.commit();
+    std::error_code ignored; // what cannot be saved holds for this run
+    std::filesystem::rename(unsaved.toStdString(), path_->toStdString(), ignored);
 }
 
 } // namespace tessary

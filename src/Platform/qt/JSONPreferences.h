@@ -12,7 +12,8 @@ namespace tessary {
 
 /// One object whose members are the keys, in a file that is replaced as a whole: at every moment it is the
 /// old one or the new one. Members that the program does not know are kept. A file that is no JSON object
-/// counts as empty and is set aside under another name at the next write.
+/// counts as empty and is set aside under another name at the next write. What is no file at all (a pipe, a
+/// folder) counts as empty too, and nothing is saved.
 class JSONPreferences : public Preferences {
   public:
     /// @param path  the file; it and its folder need not exist

@@ -90,9 +90,7 @@ struct QtApplication::Parts {
 };
 
 QtApplication::QtApplication(char* programName)
-    : parts_(std::make_unique<Parts>(programName)) {
-    signal(SIGPIPE, SIG_IGN); // a reader of our output that leaves is no reason to stop playing
-}
+    : parts_(std::make_unique<Parts>(programName)) {}
 
 QtApplication::~QtApplication() = default;
 

@@ -312,6 +312,7 @@ AutostartEntry::Folders AutostartEntry::defaultFolders() {
 std::optional<LoginServiceError> AutostartEntry::registerProgram() {
     const Content old = read(file_);
     if (old.kind == Content::Kind::unreadable) return failure("cannot read", file_, old.error);
+    if (executable_.empty()) return failure("cannot find", "/proc/self/exe", ENOENT);
     if (!g_utf8_validate(executable_.c_str(), -1, nullptr))
         return failure("no desktop entry can name", executable_, EILSEQ);
 
