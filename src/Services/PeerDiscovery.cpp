@@ -169,8 +169,17 @@ void PeerDiscovery::recompute() {
         allowed.insert(ip);
 
     std::unordered_map<std::string, PeerHost> byAddress;
-    for (const auto& [name, peer] : *appleMidiResolved)
-        if (allowed.contains(peer.ip)) byAddress.insert_or_assign(peer.ip, peer);
+    // Of two services at one address, as where a tablet has another RTP-MIDI app too, the one that bears the
+    // name of the marker there is the companion's.
+    const auto isMarked = [this](const PeerHost& peer) {
+        const auto marker = markerIPByName->find(peer.displayName);
+        return marker != markerIPByName->end() && marker->second == peer.ip;
+    };
+    for (const auto& [name, peer] : *appleMidiResolved) {
+        if (!allowed.contains(peer.ip)) continue;
+        const auto [present, isFirst] = byAddress.try_emplace(peer.ip, peer);
+        if (!isFirst && isMarked(peer) >= isMarked(present->second)) present->second = peer;
+    }
 
     PeerSet peers;
     for (auto& [ip, peer] : byAddress)

@@ -177,6 +177,20 @@ TEST_F(PeerDiscoveryTest, AnotherRecordAtAKnownAddressReplacesTheOldInSilence) {
     EXPECT_EQ(notifications, 0);
 }
 
+TEST_F(PeerDiscoveryTest, OfTwoServicesAtAnAddressTheOneWithTheMarkersNameCounts) {
+    see(midi, {"Drums", "Piano", "Zither"});
+    see(marker, {"Piano"});
+    resolver(midi, "Drums").succeed({"10.0.0.2"}, 5006);
+    resolver(midi, "Zither").succeed({"10.0.0.2"}, 5008);
+    resolver(midi, "Piano").succeed({"10.0.0.2"}, 5004);
+    EXPECT_EQ(peers(), Peers{});
+    resolver(marker, "Piano").succeed({"10.0.0.2"}, 5004);
+    EXPECT_EQ(peers(), Peers{"10.0.0.2 Piano 5004"});
+    see(midi, {"Drums", "Zither"});
+    EXPECT_EQ(peers().size(), 1u); // either of them
+    EXPECT_EQ(changes, 1);
+}
+
 TEST_F(PeerDiscoveryTest, TrustedAddressesNeedNoMarkerAndOutliveTheProgram) {
     see(midi, {"iPad"});
     resolver(midi, "iPad").succeed({"10.0.0.2"}, 5004);
