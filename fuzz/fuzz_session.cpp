@@ -140,10 +140,8 @@ struct World : ObservedMachine {
             resolver->succeed({addresses[kind % 4]}, port);
         else if (kind < 192)
             resolver->fail("timed out");
-        else if (kind < 208)
-            resolver->succeedWith(std::nullopt, port);
         else
-            resolver->succeedWith(std::vector<SocketAddressRecord>{input.bytes(), input.bytes()}, port);
+            resolver->succeed({}, port);
     }
 
     void menuActs(std::uint8_t kind) {

@@ -2,7 +2,7 @@
 
 #include "AppDelegate.h"
 #include "Platform/alsa/AlsaOutput.h"
-#include "Platform/avahi/AvahiDiscovery.h"
+#include "Platform/discovery/DiscoveryClient.h"
 #include "Platform/epoll/EpollNetwork.h"
 #include "Platform/jack/JackOutput.h"
 #include "Platform/posix/InstanceLock.h"
@@ -53,7 +53,7 @@ int runApplication(char* programName) {
     QtMainQueue mainQueue;
     EpollNetwork network({RTPMIDISession::controlLocalPort, RTPMIDISession::dataLocalPort},
                          Scheduling::realTime);
-    AvahiDiscovery serviceDiscovery(mainQueue);
+    DiscoveryClient serviceDiscovery(mainQueue.loop(), mainQueue, log, DiscoveryClient::defaultExecutable());
     const std::unique_ptr<MIDIOutput> midiOutput = makeMIDIOutput();
     JSONPreferences preferences(preferencesPath);
     QtStatusBar statusBar;

@@ -18,6 +18,9 @@ struct IPv4Host {
     /// Reads dotted-decimal text; absent if it is none.
     static std::optional<IPv4Host> parse(const std::string& text);
 
+    /// Whether one machine can have this address: not 0.0.0.0/8, multicast, reserved or broadcast (RFC 6890).
+    bool isUnicast() const { return bytes[0] != 0 && bytes[0] < 224; }
+
     friend bool operator==(const IPv4Host&, const IPv4Host&) = default;
 };
 

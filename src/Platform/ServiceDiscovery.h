@@ -1,10 +1,10 @@
 // What the services ask of the machine: DNS-SD (RFC 6763), browsing and resolving.
 #pragma once
 
+#include "Models/IPv4Host.h"
 #include "Platform/Queue.h"
 
 #include <chrono>
-#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -37,9 +37,6 @@ class ServiceBrowser {
     virtual void start(const std::shared_ptr<Queue>& queue, BrowserHandlers handlers) = 0;
 };
 
-/// One socket address as the sockets interface lays it out (`sockaddr_in`, `sockaddr_in6`).
-using SocketAddressRecord = std::vector<std::uint8_t>;
-
 class ServiceResolver;
 
 struct ResolverHandlers {
@@ -61,9 +58,9 @@ class ServiceResolver {
     /// Ends the resolution; no handler is entered afterwards.
     virtual void stop() = 0;
 
-    /// What the service resolved to; absent before it has. The addresses of a host come in the same order
-    /// for each of its services.
-    virtual const std::optional<std::vector<SocketAddressRecord>>& addresses() const = 0;
+    /// The IPv4 addresses that the service resolved to; absent before it has, empty if its host has IPv6
+    /// addresses alone. The addresses of a host come in the same order for each of its services.
+    virtual const std::optional<std::vector<IPv4Host>>& addresses() const = 0;
 
     /// The resolved port; -1 when it is not known.
     virtual int port() const = 0;
@@ -73,7 +70,7 @@ class ServiceDiscovery {
   public:
     virtual ~ServiceDiscovery() = default;
 
-    /// A serial queue apart from the main thread and from the network's; the label is for people who debug.
+    /// A serial queue for the browsers' handlers; the label is for debugging.
     virtual std::shared_ptr<Queue> makeQueue(std::string label) = 0;
 
     /// A browser for a service type such as "_apple-midi._udp" in the default domains; not started.

@@ -4,8 +4,6 @@
 #include "Platform/Preferences.h"
 
 #include <algorithm>
-#include <cstring>
-#include <sys/socket.h>
 #include <unordered_map>
 #include <utility>
 
@@ -146,19 +144,9 @@ void PeerDiscovery::handleResolved(const std::string& type, const std::string& n
 }
 
 std::optional<PeerDiscovery::ResolvedAddress> PeerDiscovery::firstIPv4(const ServiceResolver& service) {
-    if (!service.addresses()) return std::nullopt;
-    for (const SocketAddressRecord& record : *service.addresses()) {
-        // sockaddr_in: family (2 bytes, host order), port (2), address (4, network order).
-        sa_family_t family = AF_UNSPEC;
-        IPv4Host host;
-        constexpr std::size_t addressOffset = 4;
-        if (record.size() < addressOffset + host.bytes.size()) continue;
-        std::memcpy(&family, record.data(), sizeof family);
-        if (family != AF_INET) continue;
-        std::copy_n(record.begin() + addressOffset, host.bytes.size(), host.bytes.begin());
-        return ResolvedAddress{host.text(), host};
-    }
-    return std::nullopt;
+    const auto& addresses = service.addresses();
+    if (!addresses || addresses->empty()) return std::nullopt;
+    return ResolvedAddress{addresses->front().text(), addresses->front()};
 }
 
 // The merged set

@@ -17,7 +17,6 @@
 #include "support/VirtualTime.h"
 
 #include <map>
-#include <netinet/in.h>
 #include <set>
 #include <string>
 #include <utility>
@@ -244,27 +243,14 @@ struct FakeResolver : ServiceResolver {
         handlers = std::move(given);
     }
     void stop() override { isStopped = true; }
-    const std::optional<std::vector<SocketAddressRecord>>& addresses() const override { return addresses_; }
+    const std::optional<std::vector<IPv4Host>>& addresses() const override { return addresses_; }
     int port() const override { return port_; }
 
     /// Success, with these IPv4 addresses; the handler is called even if it was called before.
     void succeed(const std::vector<std::string>& ips, int port) {
         addresses_.emplace();
-        for (const auto& ip : ips) {
-            sockaddr_in address{};
-            address.sin_family = AF_INET;
-            const auto host = IPv4Host::parse(ip).value();
-            std::copy(host.bytes.begin(), host.bytes.end(),
-                      reinterpret_cast<std::uint8_t*>(&address.sin_addr));
-            const auto* raw = reinterpret_cast<const std::uint8_t*>(&address);
-            addresses_->emplace_back(raw, raw + sizeof address);
-        }
-        port_ = port;
-        const auto handler = handlers.didResolve;
-        handler(*this);
-    }
-    void succeedWith(std::optional<std::vector<SocketAddressRecord>> records, int port) {
-        addresses_ = std::move(records);
+        for (const auto& ip : ips)
+            addresses_->push_back(IPv4Host::parse(ip).value());
         port_ = port;
         const auto handler = handlers.didResolve;
         handler(*this);
@@ -278,7 +264,7 @@ struct FakeResolver : ServiceResolver {
     std::chrono::nanoseconds timeout{};
     ResolverHandlers handlers;
     bool isStopped = false;
-    std::optional<std::vector<SocketAddressRecord>> addresses_;
+    std::optional<std::vector<IPv4Host>> addresses_;
     int port_ = -1;
 };
 

@@ -35,19 +35,23 @@ EventLoop::~EventLoop() {
 }
 
 void EventLoop::run() {
+    while (!isStopping_)
+        serveOne(-1);
+}
+
+bool EventLoop::serveOne(int timeout) {
     thread_ = std::this_thread::get_id();
-    while (!isStopping_) {
-        // One at a time: no reader is called that another one has just closed, and the kernel sees to it that
-        // they take turns.
-        epoll_event event;
-        if (epoll_wait(epoll_.file(), &event, 1, -1) != 1) continue;
-        if (event.data.ptr == &posted_)
-            runPosted();
-        else if (event.data.ptr == &timers_)
-            runTimers();
-        else
-            static_cast<Reader*>(event.data.ptr)->readable();
-    }
+    // One at a time: no reader is called that another one has just closed, and the kernel sees to it that
+    // they take turns.
+    epoll_event event;
+    if (epoll_wait(epoll_.file(), &event, 1, timeout) != 1) return false;
+    if (event.data.ptr == &posted_)
+        runPosted();
+    else if (event.data.ptr == &timers_)
+        runTimers();
+    else
+        static_cast<Reader*>(event.data.ptr)->readable();
+    return true;
 }
 
 void EventLoop::stop() {

@@ -39,6 +39,14 @@ class EventLoop {
     /// Serves files, work and timers until `stop`. The thread that calls this is the loop's.
     void run();
 
+    /// Serves one file, waiting at most `timeout` milliseconds for it (-1: without end); answers whether
+    /// there was one. For a loop that is served from within another one. The thread that calls this is the
+    /// loop's.
+    bool serveOne(int timeout);
+
+    /// Readable while something is ready, for a loop around this one.
+    int file() const { return epoll_.file(); }
+
     /// Runs on: any thread.
     void stop();
 

@@ -74,10 +74,13 @@ class TimerState : public Timer, public std::enable_shared_from_this<TimerState>
 } // namespace
 
 QtMainQueue::QtMainQueue()
-    : wakeFile_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+    : loopNotifier_(std::make_unique<QSocketNotifier>(loop_.file(), QSocketNotifier::Read))
+    , wakeFile_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
     , context_(std::make_unique<QSocketNotifier>(wakeFile_, QSocketNotifier::Read)) {
     QObject::connect(static_cast<QSocketNotifier*>(context_.get()), &QSocketNotifier::activated,
                      context_.get(), [this] { runPosted(); });
+    QObject::connect(static_cast<QSocketNotifier*>(loopNotifier_.get()), &QSocketNotifier::activated,
+                     loopNotifier_.get(), [this] { loop_.serveOne(0); });
 }
 
 QtMainQueue::~QtMainQueue() {

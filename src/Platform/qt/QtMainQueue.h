@@ -2,6 +2,7 @@
 #pragma once
 
 #include "Platform/Queue.h"
+#include "Platform/epoll/EventLoop.h"
 
 #include <deque>
 #include <memory>
@@ -26,7 +27,12 @@ class QtMainQueue : public TimerQueue {
     std::shared_ptr<Timer> makeTimer(std::function<void(Timer&)> handler) override;
     void postAfter(std::chrono::nanoseconds delay, std::function<void()> work) override;
 
+    /// Another way to the main thread's loop, for what waits for files.
+    EventLoop& loop() { return loop_; }
+
   private:
+    EventLoop loop_;
+    std::unique_ptr<QObject> loopNotifier_;
     void runPosted();
     std::function<void()> takePosted();
 

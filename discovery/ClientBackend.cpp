@@ -1,4 +1,4 @@
-#include "Platform/avahi/AvahiLookups.h"
+#include "Lookups.h"
 
 #include <avahi-client/client.h>
 #include <avahi-client/lookup.h>
@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <chrono>
 
-namespace tessary {
+namespace tessary::discovery {
 
 namespace {
 
@@ -50,30 +50,40 @@ struct ClientAPI {
 /// A client ends for good when its daemon does; the next one then waits for the next daemon.
 class ClientBackend : public AvahiLookups<ClientAPI>, public std::enable_shared_from_this<ClientBackend> {
   public:
-    ClientBackend(AvahiThread& thread, BackendHandlers handlers)
-        : AvahiLookups(thread)
+    ClientBackend(Loop& loop, BackendHandlers handlers)
+        : AvahiLookups(loop)
         , handlers_(std::move(handlers)) {}
 
     /// Makes the client; answers whether the bus let it.
     bool connect(AvahiClientFlags flags) {
         connected_ = std::chrono::steady_clock::now();
-        AvahiClient* const client = avahi_client_new(thread_.poll(), flags, stateChanged, this, nullptr);
+        AvahiClient* const client = avahi_client_new(loop_.poll(), flags, stateChanged, this, nullptr);
         if (client) context_.reset(client, avahi_client_free);
         return client;
     }
 
     bool isReady() const override { return isReady_; }
+    bool isExhausted() const override { return false; }
 
     bool mayRecover(int error) const override {
         return error == AVAHI_ERR_DISCONNECTED || error == AVAHI_ERR_NO_DAEMON ||
                error == AVAHI_ERR_DBUS_ERROR || error == AVAHI_ERR_BAD_STATE;
     }
 
+    /// Makes a client again, as soon as the bus lets it.
+    void reconnect() {
+        const auto wait = connected_ + reconnectInterval - std::chrono::steady_clock::now();
+        loop_.after(std::max(wait, decltype(wait){}), [weak = weak_from_this()] {
+            const auto self = weak.lock();
+            if (self && !self->connect(AVAHI_CLIENT_NO_FAIL)) self->reconnect(); // the bus is away too
+        });
+    }
+
   private:
     /// Called by Avahi, the first time while the client is still being made.
     static void stateChanged(AvahiClient* client, AvahiClientState state, void* userData) {
         auto& self = *static_cast<ClientBackend*>(userData);
-        self.thread_.post([weak = self.weak_from_this(), client, state] {
+        self.loop_.post([weak = self.weak_from_this(), client, state] {
             const auto backend = weak.lock();
             if (backend && client == backend->context_.get()) backend->handle(state);
         });
@@ -91,14 +101,6 @@ class ClientBackend : public AvahiLookups<ClientAPI>, public std::enable_shared_
         }
     }
 
-    void reconnect() {
-        const auto wait = connected_ + reconnectInterval - std::chrono::steady_clock::now();
-        thread_.postAfter(std::max(wait, decltype(wait){}), [weak = weak_from_this()] {
-            const auto self = weak.lock();
-            if (self && !self->connect(AVAHI_CLIENT_NO_FAIL)) self->reconnect(); // the bus is away too
-        });
-    }
-
     const BackendHandlers handlers_;
     std::chrono::steady_clock::time_point connected_;
     bool isReady_ = false;
@@ -106,9 +108,12 @@ class ClientBackend : public AvahiLookups<ClientAPI>, public std::enable_shared_
 
 } // namespace
 
-std::shared_ptr<AvahiBackend> makeClientBackend(AvahiThread& thread, BackendHandlers handlers) {
-    const auto backend = std::make_shared<ClientBackend>(thread, std::move(handlers));
-    return backend->connect(AvahiClientFlags{}) ? backend : nullptr;
+std::shared_ptr<Backend> makeClientBackend(Loop& loop, BackendHandlers handlers, bool waits) {
+    const auto backend = std::make_shared<ClientBackend>(loop, std::move(handlers));
+    if (backend->connect(waits ? AVAHI_CLIENT_NO_FAIL : AvahiClientFlags{})) return backend;
+    if (!waits) return nullptr;
+    backend->reconnect();
+    return backend;
 }
 
-} // namespace tessary
+} // namespace tessary::discovery

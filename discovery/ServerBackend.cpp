@@ -1,13 +1,14 @@
-#include "Platform/avahi/AvahiLookups.h"
+#include "Lookups.h"
 
 #include <avahi-core/core.h>
 #include <avahi-core/log.h>
 #include <avahi-core/lookup.h>
 #include <avahi-core/rr.h>
 
+#include <algorithm>
 #include <array>
 
-namespace tessary {
+namespace tessary::discovery {
 
 namespace {
 
@@ -49,20 +50,44 @@ struct ServerAPI {
     static void free(RecordBrowser* browser) { avahi_s_record_browser_free(browser); }
 };
 
+/// In the records of one interface. A device takes about eight; the library's default of 4096 would be full
+/// at some hundreds of devices.
+constexpr unsigned maxCacheEntries = 16'384;
+
+/// Counts the records in the fullest cache: there is one for each interface, under a heading.
+struct CacheCount {
+    unsigned count = 0;
+    unsigned largest = 0;
+
+    static void add(const char* line, void* userData) {
+        auto& self = *static_cast<CacheCount*>(userData);
+        self.count = *line == ';' ? 0 : self.count + 1;
+        self.largest = std::max(self.largest, self.count);
+    }
+};
+
 class ServerBackend : public AvahiLookups<ServerAPI> {
   public:
-    ServerBackend(AvahiThread& thread, AvahiServer* server)
-        : AvahiLookups(thread) {
+    ServerBackend(Loop& loop, AvahiServer* server)
+        : AvahiLookups(loop) {
         context_.reset(server, avahi_server_free);
     }
 
     bool isReady() const override { return true; }
     bool mayRecover(int) const override { return false; }
+
+    /// The core keeps records for as long as their sender says, years if need be, and takes none once a cache
+    /// is full.
+    bool isExhausted() const override {
+        CacheCount records;
+        return avahi_server_dump(context_.get(), CacheCount::add, &records) < 0 ||
+               records.largest >= maxCacheEntries;
+    }
 };
 
 } // namespace
 
-std::shared_ptr<AvahiBackend> makeServerBackend(AvahiThread& thread, int& error) {
+std::shared_ptr<Backend> makeServerBackend(Loop& loop, int& error) {
     avahi_set_log_function([](AvahiLogLevel, const char*) {}); // it would write to standard error
     AvahiServerConfig config;
     avahi_server_config_init(&config);
@@ -74,12 +99,11 @@ std::shared_ptr<AvahiBackend> makeServerBackend(AvahiThread& thread, int& error)
     config.publish_workstation = 0;
     config.publish_domain = 0;
     config.enable_wide_area = 0;
-    // A device takes about eight records; the default of 4096 would be full at some hundreds of them.
-    config.n_cache_entries_max = 16'384;
+    config.n_cache_entries_max = maxCacheEntries;
     const auto stateChanged = [](AvahiServer*, AvahiServerState, void*) {};
-    AvahiServer* const server = avahi_server_new(thread.poll(), &config, stateChanged, nullptr, &error);
+    AvahiServer* const server = avahi_server_new(loop.poll(), &config, stateChanged, nullptr, &error);
     avahi_server_config_free(&config);
-    return server ? std::make_shared<ServerBackend>(thread, server) : nullptr;
+    return server ? std::make_shared<ServerBackend>(loop, server) : nullptr;
 }
 
-} // namespace tessary
+} // namespace tessary::discovery

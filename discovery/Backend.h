@@ -1,7 +1,7 @@
-// The two Avahi libraries, the daemon's client and the embedded core, behind one face.
+// The two Avahi libraries, the daemon's client and the embedded core, behind one interface.
 #pragma once
 
-#include "Platform/avahi/AvahiThread.h"
+#include "Loop.h"
 
 #include <avahi-common/defs.h>
 #include <avahi-common/error.h>
@@ -11,9 +11,9 @@
 #include <memory>
 #include <string>
 
-namespace tessary {
+namespace tessary::discovery {
 
-/// An Avahi browser or resolver; dropping the last reference ends it, on the Avahi thread.
+/// An Avahi browser or resolver; dropping the last reference ends it.
 using Lookup = std::shared_ptr<void>;
 
 /// A change in what a browser sees, or its failure: `error` is AVAHI_OK or one of AVAHI_ERR_*.
@@ -42,23 +42,30 @@ struct AddressEvent {
     int error = AVAHI_OK;
 };
 
-/// Runs on: the Avahi thread. Handlers run there too, never inside a call from or into Avahi, so that they
-/// may drop any lookup, their own included; none is entered once its lookup was dropped. A lookup that cannot
-/// be made at all reports its failure as one that breaks down later does.
-class AvahiBackend {
+/// Handlers never run inside a call from or into Avahi, so they may drop any lookup, their own included; none
+/// is entered once its lookup was dropped. A lookup that cannot be made at all reports its failure as one
+/// that breaks down later does.
+class Backend {
   public:
-    virtual ~AvahiBackend() = default;
+    virtual ~Backend() = default;
 
     /// Whether lookups can be made now.
     virtual bool isReady() const = 0;
 
-    /// Whether such an error of a lookup may merely tell that the daemon is going away.
+    /// Whether the backend can take in nothing new, and never will again.
+    virtual bool isExhausted() const = 0;
+
+    /// Whether such an error of a lookup may only mean that the daemon is going away.
     virtual bool mayRecover(int error) const = 0;
+
+    /// The number of lookups that live.
+    virtual std::size_t lookups() const = 0;
 
     virtual Lookup browseServices(const std::string& type,
                                   std::function<void(const ServiceEvent&)> handler) = 0;
 
-    /// Finds the host and the port of a service, on any interface; its addresses are not asked for.
+    /// Finds the host and the port of a service, on any interface, and reports each change of them. Its
+    /// addresses are not asked for.
     virtual Lookup resolveService(const std::string& name, const std::string& type, const std::string& domain,
                                   std::function<void(const HostEvent&)> handler) = 0;
 
@@ -69,7 +76,7 @@ class AvahiBackend {
                                    std::function<void(const AddressEvent&)> handler) = 0;
 };
 
-/// What a backend tells its owner; on the Avahi thread.
+/// What a backend tells its owner.
 struct BackendHandlers {
     /// Lookups can be made from now on.
     std::function<void()> ready;
@@ -77,15 +84,14 @@ struct BackendHandlers {
     std::function<void()> lost;
 };
 
-/// The daemon's, if somebody owns org.freedesktop.Avahi on the system bus or the bus can start its owner;
-/// else none. Reports `ready` later, never inside this call.
+/// The daemon's client. Reports `ready` later, never inside this call.
 ///
-/// Runs on: the Avahi thread. Waits for the bus.
-std::shared_ptr<AvahiBackend> makeClientBackend(AvahiThread& thread, BackendHandlers handlers);
+/// @param waits  whether to wait for a daemon; otherwise there is a backend only if somebody owns
+///               org.freedesktop.Avahi on the system bus, or the bus can start its owner
+/// Waits for the bus.
+std::shared_ptr<Backend> makeClientBackend(Loop& loop, BackendHandlers handlers, bool waits);
 
-/// The embedded one, which is ready at once; or none and the error.
-///
-/// Runs on: the Avahi thread.
-std::shared_ptr<AvahiBackend> makeServerBackend(AvahiThread& thread, int& error);
+/// The embedded core, which is ready at once; or none and the error.
+std::shared_ptr<Backend> makeServerBackend(Loop& loop, int& error);
 
-} // namespace tessary
+} // namespace tessary::discovery

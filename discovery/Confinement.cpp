@@ -1,0 +1,150 @@
+#include "Confinement.h"
+
+#include "Platform/discovery/Messages.h"
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <initializer_list>
+#include <linux/sockios.h>
+#include <memory>
+#include <seccomp.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace tessary::discovery {
+
+namespace {
+
+// A sanitizer's runtime maps terabytes and makes system calls of its own.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool isSanitized = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
+constexpr bool isSanitized = true;
+#else
+constexpr bool isSanitized = false;
+#endif
+#else
+constexpr bool isSanitized = false;
+#endif
+
+bool limit(__rlimit_resource_t resource, rlim_t most) {
+    rlimit wanted{};
+    if (getrlimit(resource, &wanted) != 0) return false;
+    wanted.rlim_max = std::min(wanted.rlim_max, most);
+    wanted.rlim_cur = wanted.rlim_max;
+    return setrlimit(resource, &wanted) == 0;
+}
+
+bool setLimits() {
+    bool isSet = limit(RLIMIT_NOFILE, 64); // two sockets, netlink, the bus, and a few while it starts
+    isSet &= limit(RLIMIT_NPROC, 0);
+    isSet &= limit(RLIMIT_FSIZE, 0);
+    if (!isSanitized) isSet &= limit(RLIMIT_AS, maxAddressSpace);
+    return isSet;
+}
+
+/// The filter of system calls that is being made.
+class Filter {
+  public:
+    Filter()
+        : context_(seccomp_init(SCMP_ACT_ERRNO(EPERM)), seccomp_release)
+        , isComplete_(context_ != nullptr) {}
+
+    void allow(std::initializer_list<int> calls) {
+        for (const int call : calls)
+            add(call, {});
+    }
+    void allowWith(int call, std::initializer_list<scmp_arg_cmp> conditions) { add(call, conditions); }
+
+    bool load() const { return isComplete_ && seccomp_load(context_.get()) == 0; }
+
+  private:
+    void add(int call, std::initializer_list<scmp_arg_cmp> conditions) {
+        isComplete_ = isComplete_ && seccomp_rule_add_array(context_.get(), SCMP_ACT_ALLOW, call,
+                                                            static_cast<unsigned>(conditions.size()),
+                                                            conditions.begin()) == 0;
+    }
+
+    const std::unique_ptr<void, void (*)(scmp_filter_ctx)> context_;
+    bool isComplete_;
+};
+
+scmp_arg_cmp isEqual(unsigned argument, scmp_datum_t value) {
+    return {.arg = argument, .op = SCMP_CMP_EQ, .datum_a = value, .datum_b = 0};
+}
+
+/// Of the bits in `mask` only those of `value` are set.
+scmp_arg_cmp hasBits(unsigned argument, scmp_datum_t mask, scmp_datum_t value) {
+    return {.arg = argument, .op = SCMP_CMP_MASKED_EQ, .datum_a = mask, .datum_b = value};
+}
+
+bool loadFilter() {
+    if (isSanitized) return true;
+    Filter filter;
+    filter.allow({SCMP_SYS(brk),           SCMP_SYS(clock_getres),
+                  SCMP_SYS(clock_gettime), SCMP_SYS(clock_nanosleep),
+                  SCMP_SYS(close),         SCMP_SYS(exit),
+                  SCMP_SYS(exit_group),    SCMP_SYS(futex),
+                  SCMP_SYS(getegid),       SCMP_SYS(geteuid),
+                  SCMP_SYS(getgid),        SCMP_SYS(getpid),
+                  SCMP_SYS(getppid),       SCMP_SYS(getrandom),
+                  SCMP_SYS(gettid),        SCMP_SYS(gettimeofday),
+                  SCMP_SYS(getuid),        SCMP_SYS(madvise),
+                  SCMP_SYS(mremap),        SCMP_SYS(munmap),
+                  SCMP_SYS(nanosleep),     SCMP_SYS(restart_syscall),
+                  SCMP_SYS(rt_sigaction),  SCMP_SYS(rt_sigprocmask),
+                  SCMP_SYS(rt_sigreturn),  SCMP_SYS(sched_yield),
+                  SCMP_SYS(sysinfo),       SCMP_SYS(time),
+                  SCMP_SYS(uname)});
+    // Files, for reading
+    filter.allow({SCMP_SYS(access), SCMP_SYS(faccessat), SCMP_SYS(faccessat2), SCMP_SYS(fstat),
+                  SCMP_SYS(lseek), SCMP_SYS(newfstatat), SCMP_SYS(pread64), SCMP_SYS(read), SCMP_SYS(readv),
+                  SCMP_SYS(stat), SCMP_SYS(statx)});
+    constexpr scmp_datum_t writing = O_ACCMODE | O_CREAT | O_TRUNC | (O_TMPFILE & ~O_DIRECTORY);
+    filter.allowWith(SCMP_SYS(open), {hasBits(1, writing, O_RDONLY)});
+    filter.allowWith(SCMP_SYS(openat), {hasBits(2, writing, O_RDONLY)});
+    for (const scmp_datum_t command : {F_GETFD, F_SETFD, F_GETFL, F_SETFL})
+        filter.allowWith(SCMP_SYS(fcntl), {isEqual(1, command)});
+    // Sockets: mDNS, the machine's interfaces, the system bus
+    filter.allowWith(SCMP_SYS(socket), {isEqual(0, AF_UNIX), hasBits(1, 0xf, SOCK_STREAM)});
+    for (const scmp_datum_t family : {AF_INET, AF_INET6})
+        filter.allowWith(SCMP_SYS(socket), {isEqual(0, family), hasBits(1, 0xf, SOCK_DGRAM)});
+    for (const scmp_datum_t type : {SOCK_DGRAM, SOCK_RAW})
+        filter.allowWith(SCMP_SYS(socket), {isEqual(0, AF_NETLINK), hasBits(1, 0xf, type)});
+    filter.allow({SCMP_SYS(bind), SCMP_SYS(connect), SCMP_SYS(getpeername), SCMP_SYS(getsockname),
+                  SCMP_SYS(getsockopt), SCMP_SYS(recvfrom), SCMP_SYS(recvmsg), SCMP_SYS(sendmsg),
+                  SCMP_SYS(sendto), SCMP_SYS(setsockopt), SCMP_SYS(shutdown), SCMP_SYS(write),
+                  SCMP_SYS(writev)});
+    for (const scmp_datum_t request : {FIONREAD, SIOCGIFNAME, SIOCGIFINDEX, SIOCGIFADDR, SIOCGIFFLAGS})
+        filter.allowWith(SCMP_SYS(ioctl), {isEqual(1, request)});
+    // Waiting
+    filter.allow({SCMP_SYS(eventfd2), SCMP_SYS(pipe2), SCMP_SYS(poll), SCMP_SYS(ppoll), SCMP_SYS(select),
+                  SCMP_SYS(pselect6)});
+    // Memory that is not executable; a failed assertion's abort; its own limits, to look at
+    filter.allowWith(SCMP_SYS(mmap), {hasBits(2, PROT_EXEC, 0)});
+    filter.allowWith(SCMP_SYS(mprotect), {hasBits(2, PROT_EXEC, 0)});
+    filter.allowWith(SCMP_SYS(tgkill), {isEqual(0, static_cast<scmp_datum_t>(getpid()))});
+    filter.allowWith(SCMP_SYS(prlimit64), {isEqual(2, 0)});
+    return filter.load();
+}
+
+} // namespace
+
+std::uint8_t confine() {
+    unsigned refused = 0;
+    if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) refused |= refusedParentDeath;
+    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) refused |= refusedPrivileges;
+    prctl(PR_SET_DUMPABLE, 0); // neither core files nor debuggers of the same user
+    if (!setLimits()) refused |= refusedLimits;
+    if (!loadFilter()) refused |= refusedFilter;
+    return static_cast<std::uint8_t>(refused);
+}
+
+} // namespace tessary::discovery

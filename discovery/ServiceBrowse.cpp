@@ -1,0 +1,132 @@
+#include "ServiceBrowse.h"
+
+#include "Models/UTF8.h"
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+#include <vector>
+
+namespace tessary::discovery {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+/// Services come in bursts: a whole packet's worth makes one report, and a set of thousands is not compared
+/// for each of its names.
+constexpr auto reportDelay = 10ms;
+constexpr auto largeReportDelay = 100ms;
+constexpr std::size_t largeReport = 256;
+
+/// avahi-daemon reports ALL_FOR_NOW after its first query, and repeats the query after 1 s and 3 s. A service
+/// that has not answered by then is gone.
+constexpr auto rediscoveryTime = 3s;
+
+/// How long the end of the daemon may take to become known after a lookup failed because of it.
+constexpr auto disconnectTime = 1s;
+
+constexpr auto maxRetryDelay = 60s;
+
+} // namespace
+
+ServiceBrowse::ServiceBrowse(Loop& loop, const Browse& request, std::function<void(const Report&)> report)
+    : loop_(loop)
+    , number_(request.browse)
+    , type_(request.type)
+    , report_(std::move(report)) {}
+
+void ServiceBrowse::begin(Backend& backend) {
+    backend_ = &backend;
+    lookup_ = backend.browseServices(type_, [this](const ServiceEvent& event) { handle(event); });
+}
+
+void ServiceBrowse::interrupt() {
+    backend_ = nullptr;
+    lookup_.reset();
+    seen_.clear();
+    reported_.clear();
+    report_(Restarted{number_});
+}
+
+void ServiceBrowse::handle(const ServiceEvent& event) {
+    const std::pair service(Result(event.name, event.domain, event.interface), event.protocol);
+    switch (event.event) {
+    case AVAHI_BROWSER_NEW:
+        if (seen_.size() >= 2 * maxListed || event.name.size() > maxTextSize || !isUTF8(event.name)) return;
+        seen_.insert(service);
+        return scheduleReport();
+    case AVAHI_BROWSER_REMOVE:
+        seen_.erase(service);
+        return scheduleReport();
+    case AVAHI_BROWSER_ALL_FOR_NOW:
+        return afterAllForNow();
+    case AVAHI_BROWSER_CACHE_EXHAUSTED:
+        return;
+    case AVAHI_BROWSER_FAILURE:
+        return handleFailure(event.error);
+    }
+}
+
+void ServiceBrowse::afterAllForNow() {
+    retryDelay_ = 1s;
+    loop_.after(rediscoveryTime, [weak = weak_from_this(), lookup = std::weak_ptr(lookup_)] {
+        const auto self = weak.lock();
+        if (!self || lookup.expired()) return;
+        self->reportChanges();
+        self->report_(Complete{self->number_});
+    });
+}
+
+/// The daemon is alive, but does not browse: it is asked again, at growing intervals.
+void ServiceBrowse::handleFailure(int error) {
+    const auto delay = backend_->mayRecover(error) ? disconnectTime : 0s;
+    loop_.after(delay, [weak = weak_from_this(), lookup = std::weak_ptr(lookup_), error] {
+        const auto self = weak.lock();
+        if (!self || lookup.expired()) return; // the daemon had gone
+        if (!std::exchange(self->hasFailed_, true))
+            self->report_(BrowseFailed{self->number_, avahi_strerror(error)});
+        self->retry();
+    });
+}
+
+void ServiceBrowse::retry() {
+    loop_.after(retryDelay_, [weak = weak_from_this(), lookup = std::weak_ptr(lookup_)] {
+        const auto self = weak.lock();
+        if (!self || lookup.expired()) return;
+        Backend& backend = *self->backend_;
+        self->interrupt();
+        self->begin(backend);
+    });
+    retryDelay_ = std::min<std::chrono::seconds>(2 * retryDelay_, maxRetryDelay);
+}
+
+void ServiceBrowse::scheduleReport() {
+    if (std::exchange(isReportScheduled_, true)) return;
+    loop_.after(seen_.size() > largeReport ? largeReportDelay : reportDelay, [weak = weak_from_this()] {
+        const auto self = weak.lock();
+        if (!self) return;
+        self->isReportScheduled_ = false;
+        self->reportChanges();
+    });
+}
+
+void ServiceBrowse::reportChanges() {
+    std::set<Result> now;
+    for (const auto& [result, protocol] : seen_)
+        if (now.size() < maxListed) now.insert(result);
+    if (now == reported_) return;
+    const auto difference = [](const std::set<Result>& from, const std::set<Result>& without) {
+        std::vector<Result> results;
+        std::ranges::set_difference(from, without, std::back_inserter(results));
+        return results;
+    };
+    for (const auto& [name, domain, interface] : difference(reported_, now))
+        report_(Unlisted{number_, name, domain, static_cast<std::uint32_t>(interface)});
+    for (const auto& [name, domain, interface] : difference(now, reported_))
+        report_(Listed{number_, name, domain, static_cast<std::uint32_t>(interface)});
+    report_(Changed{number_});
+    reported_ = std::move(now);
+}
+
+} // namespace tessary::discovery

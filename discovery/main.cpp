@@ -1,0 +1,130 @@
+// Discovers services by mDNS for the program that has started it, over the socket that it was given.
+//
+// It reads the datagrams of everybody on the network with a library that some of them crash. So it is a
+// process of its own, confined, and without any state that its successor could not find again.
+
+#include "Confinement.h"
+#include "Engine.h"
+#include "Loop.h"
+#include "Platform/discovery/Messages.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <fcntl.h>
+#include <optional>
+#include <span>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <vector>
+
+namespace tessary::discovery {
+
+namespace {
+
+/// The other end of the socket.
+class Program {
+  public:
+    Program(Loop& loop, std::uint8_t refused)
+        : loop_(loop)
+        , refused_(refused) {
+        const auto readable = [](AvahiWatch*, int, AvahiWatchEvent, void* self) {
+            static_cast<Program*>(self)->read();
+        };
+        loop.poll()->watch_new(loop.poll(), socketDescriptor, AVAHI_WATCH_IN, readable, this);
+    }
+
+  private:
+    void read() {
+        std::array<std::uint8_t, 65'536> bytes;
+        const ssize_t size = recv(socketDescriptor, bytes.data(), bytes.size(), MSG_DONTWAIT);
+        if (size < 0 && (errno == EAGAIN || errno == EINTR)) return;
+        if (size <= 0) return loop_.stop();
+        requests_.append({bytes.data(), static_cast<std::size_t>(size)});
+        while (const auto request = requests_.next())
+            std::visit([this](const auto& each) { handle(each); }, *request);
+        if (requests_.isBroken()) loop_.stop();
+    }
+
+    void handle(const Start& request) {
+        if (engine_) return;
+        engine_.emplace(loop_, request.responder, [this](const Report& report) { send(report); });
+        send(Started{protocolVersion, engine_->responder(), refused_});
+    }
+    void handle(const Browse& request) {
+        if (engine_) engine_->browse(request);
+    }
+    void handle(const EndBrowse& request) {
+        if (engine_) engine_->endBrowse(request.browse);
+    }
+    void handle(const Resolve& request) {
+        if (engine_) engine_->resolve(request);
+    }
+    void handle(const EndResolve& request) {
+        if (engine_) engine_->endResolve(request.resolution);
+    }
+    void handle(const Ping&) {
+        if (engine_ && engine_->isExhausted())
+            std::_Exit(exhaustedStatus); // a new process has an empty cache
+        send(Pong{});
+    }
+
+    /// One write carries all the reports of a turn of the loop.
+    void send(const Report& report) {
+        if (out_.empty()) loop_.post([this] { flush(); });
+        encode(report, out_);
+    }
+
+    /// Waits for the program where it has to: it reads everything as soon as it can.
+    void flush() {
+        for (std::span<const std::uint8_t> rest = out_; !rest.empty();) {
+            const ssize_t size = ::send(socketDescriptor, rest.data(), rest.size(), MSG_NOSIGNAL);
+            if (size < 0 && errno != EINTR) return loop_.stop();
+            if (size > 0) rest = rest.subspan(static_cast<std::size_t>(size));
+        }
+        out_.clear();
+    }
+
+    Loop& loop_;
+    const std::uint8_t refused_;
+    MessageReader<Request> requests_;
+    std::vector<std::uint8_t> out_;
+    std::optional<Engine> engine_;
+};
+
+bool isStartedByProgram() {
+    int type = 0;
+    socklen_t size = sizeof type;
+    return getsockopt(socketDescriptor, SOL_SOCKET, SO_TYPE, &type, &size) == 0;
+}
+
+/// Leaves nothing open but the socket.
+void closeOthers() {
+    const int null = open("/dev/null", O_RDWR);
+    for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        dup2(null, standard);
+    close_range(socketDescriptor + 1, ~0U, 0);
+}
+
+} // namespace
+
+} // namespace tessary::discovery
+
+int main() {
+    using namespace tessary::discovery;
+    if (!isStartedByProgram()) {
+        std::fputs("tessary-discovery is a part of Tessary Link, which starts it by itself\n", stderr);
+        return EXIT_FAILURE;
+    }
+    closeOthers();
+    try {
+        Loop loop;
+        const Program program(loop, confine());
+        loop.run();
+    } catch (const std::exception&) {
+        return EXIT_FAILURE;
+    }
+    std::_Exit(EXIT_SUCCESS); // the program has gone: nothing is worth taking down in order
+}

@@ -1,0 +1,83 @@
+// The process that discovery runs in, as its parent sees it.
+#pragma once
+
+#include "Platform/Log.h"
+#include "Platform/discovery/Messages.h"
+#include "Platform/epoll/EventLoop.h"
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace tessary::discovery {
+
+/// Starts the process, carries messages, and replaces a process that has ended, does not answer, or says what
+/// is no message: at once, then after 1, 2, 4 … 30 s, and at once again when it has run for a minute.
+///
+/// Runs on: the loop's thread. Never waits for the process.
+class DiscoveryProcess final : private EventLoop::Reader {
+  public:
+    struct Handlers {
+        /// A new process is there, and knows nothing.
+        std::function<void()> started;
+        /// Answers whether the report is one that may be at this moment.
+        std::function<bool(const Report&)> reported;
+    };
+
+    /// Starts the process soon, never inside this call.
+    ///
+    /// @param executable  of the discovery process
+    DiscoveryProcess(EventLoop& loop, Log& log, std::filesystem::path executable, Handlers handlers);
+    DiscoveryProcess(const DiscoveryProcess&) = delete;
+    DiscoveryProcess& operator=(const DiscoveryProcess&) = delete;
+    /// Ends the process.
+    ~DiscoveryProcess() override;
+
+    /// Sends a request, and expects that the process says something within ten seconds. Dropped while there
+    /// is no process: `started` comes before the next one hears anything.
+    void send(const Request& request);
+
+  private:
+    using Clock = EventLoop::Clock;
+
+    void start();
+    bool spawn();
+    void readable() override;
+    bool handle(const Report& report);
+    void flush();
+    void expectAnswer();
+    void schedulePing();
+    void end(const std::string& reason);
+    std::string reap();
+    void after(std::optional<EventLoop::TimerID>& timer, std::chrono::milliseconds delay,
+               void (DiscoveryProcess::*step)());
+    void cancel(std::optional<EventLoop::TimerID>& timer);
+
+    EventLoop& loop_;
+    Log& log_;
+    const std::filesystem::path executable_;
+    const Handlers handlers_;
+
+    pid_t process_ = 0;
+    OpenFile socket_;
+    MessageReader<Report> reports_;
+    std::vector<std::uint8_t> out_; ///< what the socket has had no room for
+    std::size_t received_ = 0;      ///< bytes since the last ping
+    Responder responder_ = Responder::any;
+    bool hasAnswered_ = false; ///< the request to start
+    bool isRefusalSaid_ = false;
+
+    Clock::time_point startedAt_;
+    std::chrono::seconds restartDelay_{0};
+    std::optional<EventLoop::TimerID> restart_;
+    std::optional<EventLoop::TimerID> ping_;
+    std::optional<EventLoop::TimerID> answer_; ///< when the process counts as hanging
+    std::optional<EventLoop::TimerID> retry_;  ///< of the sending
+};
+
+} // namespace tessary::discovery
