@@ -4,6 +4,7 @@
 #include "Platform/alsa/AlsaOutput.h"
 #include "Platform/discovery/DiscoveryClient.h"
 #include "Platform/epoll/EpollNetwork.h"
+#include "Platform/epoll/LoopQueue.h"
 #include "Platform/jack/JackOutput.h"
 #include "Platform/posix/InstanceLock.h"
 #include "Platform/posix/StandardOutputLog.h"
@@ -11,7 +12,6 @@
 #include "Platform/posix/SystemRandom.h"
 #include "Platform/qt/JSONPreferences.h"
 #include "Platform/qt/QtApplication.h"
-#include "Platform/qt/QtMainQueue.h"
 #include "Platform/qt/QtStatusBar.h"
 #include "Platform/qt/QtText.h"
 #include "Platform/xdg/AutostartEntry.h"
@@ -48,12 +48,15 @@ int runApplication(char* programName) {
         return 0;
     }
 
-    QtApplication application(programName); // takes the signals, so it comes before every thread of ours
+    static EventLoop& mainLoop =
+        *new EventLoop; // never destroyed: a thread that asks a silent display may be left
+    QtApplication application(mainLoop,
+                              programName); // takes the signals, so it comes before every thread of ours
     StandardOutputLog log(STDOUT_FILENO);
-    QtMainQueue mainQueue;
+    LoopQueue mainQueue(mainLoop, TimerAlignment::wholeSeconds);
     EpollNetwork network({RTPMIDISession::controlLocalPort, RTPMIDISession::dataLocalPort},
                          Scheduling::realTime);
-    DiscoveryClient serviceDiscovery(mainQueue.loop(), mainQueue, log, DiscoveryClient::defaultExecutable());
+    DiscoveryClient serviceDiscovery(mainLoop, mainQueue, log, DiscoveryClient::defaultExecutable());
     const std::unique_ptr<MIDIOutput> midiOutput = makeMIDIOutput();
     JSONPreferences preferences(preferencesPath);
     QtStatusBar statusBar;
@@ -71,16 +74,18 @@ int runApplication(char* programName) {
         if (app) app->processIsExiting();
     });
 
-    std::vector<Observation> menuContent;
+    delegate->applicationDidFinishLaunching();
+    const std::vector<Observation> menuContent =
+        delegate->observeMenuContent([&] { statusBar.menuContentDidChange(); });
     const int status = application.run(
-        [&] {
-            delegate->applicationDidFinishLaunching();
-            menuContent = delegate->observeMenuContent([&] { statusBar.menuContentDidChange(); });
-        },
-        [&] {
-            delegate->applicationWillTerminate();
-            network.stop(); // nothing arrives any more while the rest comes down
-        });
+        {.displayAnswered = [&] { statusBar.displayAnswered(); },
+         .displayIsSilent =
+             [&] { log.line("[StatusItem] the display does not answer; the icon appears once it does"); },
+         .willTerminate =
+             [&] {
+                 delegate->applicationWillTerminate();
+                 network.stop(); // nothing arrives any more while the rest comes down
+             }});
     delegate.reset();
     app = nullptr;
     return status;

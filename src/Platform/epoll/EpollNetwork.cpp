@@ -3,7 +3,7 @@
 #include "Platform/epoll/AddressMonitor.h"
 #include "Platform/epoll/EpollConnection.h"
 #include "Platform/epoll/EventLoop.h"
-#include "Platform/epoll/LoopTimer.h"
+#include "Platform/epoll/LoopQueue.h"
 #include "Platform/epoll/UDPSocket.h"
 #include "Platform/posix/RealTimePriority.h"
 #include "Platform/posix/ResidentMemory.h"
@@ -20,28 +20,6 @@ namespace {
 /// The connections that are open or about to be, in the order of their starts: when the addresses change they
 /// are opened anew in that order, a session's control port before its data port. Used on: the network thread.
 using Connections = std::vector<std::shared_ptr<EpollConnection>>;
-
-/// All queues share the one thread, which makes each of them serial.
-class LoopQueue : public TimerQueue {
-  public:
-    explicit LoopQueue(EventLoop& loop)
-        : loop_(loop) {}
-
-    void post(std::function<void()> work) override { loop_.post(std::move(work)); }
-
-    std::shared_ptr<Timer> makeTimer(std::function<void(Timer&)> handler) override {
-        return makeLoopTimer(loop_, std::move(handler));
-    }
-
-    void postAfter(std::chrono::nanoseconds delay, std::function<void()> work) override {
-        post([&loop = loop_, due = EventLoop::Clock::now() + delay, work = std::move(work)]() mutable {
-            loop.at(due, std::move(work));
-        });
-    }
-
-  private:
-    EventLoop& loop_;
-};
 
 /// The priority of the network thread, which takes it up again in its loop.
 class NetworkPriority final : public EventLoop::Reader {

@@ -1,12 +1,15 @@
 #include "Platform/qt/QtApplication.h"
 
+#include "Platform/posix/OpenFile.h"
+#include "Platform/qt/Display.h"
+
 #include <QApplication>
 #include <QSessionManager>
 #include <QSocketNotifier>
 #include <array>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <string>
 #include <sys/signalfd.h>
 #include <unistd.h>
 #include <utility>
@@ -15,46 +18,7 @@ namespace tessary {
 
 namespace {
 
-/// A file that becomes readable when the program is asked to end.
-class TerminationSignals {
-  public:
-    TerminationSignals() {
-        sigset_t signals;
-        sigemptyset(&signals);
-        sigaddset(&signals, SIGTERM);
-        sigaddset(&signals, SIGINT);
-        struct sigaction hangup {};
-        sigaction(SIGHUP, nullptr, &hangup);
-        if (hangup.sa_handler != SIG_IGN) sigaddset(&signals, SIGHUP); // not under nohup
-        pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-        file_ = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
-        if (file_ < 0)
-            pthread_sigmask(SIG_UNBLOCK, &signals, nullptr); // then they end the program the hard way
-    }
-    TerminationSignals(const TerminationSignals&) = delete;
-    TerminationSignals& operator=(const TerminationSignals&) = delete;
-    ~TerminationSignals() { close(file_); }
-
-    int file() const { return file_; }
-
-  private:
-    int file_ = -1;
-};
-
-/// Where to show things: on the display that there is, else nowhere, which lets the program do its job all
-/// the same. X11 comes first, because with it the program says goodbye even when the display server dies: on
-/// a lost Wayland connection Qt ends the process at once. A user's own choice stays.
-///
-/// The look is Qt's plain one. A theme of the desktop would load its whole toolkit, 14 MB, for one menu that
-/// most panels draw themselves; and GTK too ends the process at once when the display server dies.
-void choosePlatform() {
-    std::string platforms;
-    if (!qEnvironmentVariableIsEmpty("DISPLAY")) platforms += "xcb;";
-    if (!qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY")) platforms += "wayland;";
-    setenv("QT_QPA_PLATFORM", (platforms + "offscreen").c_str(), 0);
-    setenv("XDG_CURRENT_DESKTOP", "X-Generic", 1);
-    unsetenv("QT_QPA_PLATFORMTHEME");
-}
+constexpr auto displayTimeout = std::chrono::seconds(10);
 
 /// Lets the process end in any case: what is still to be taken down may wait for others, as Qt does for its
 /// D-Bus thread, and that one for a bus that does not answer.
@@ -65,51 +29,93 @@ void endSoon() {
 
 } // namespace
 
-struct QtApplication::Parts {
-    explicit Parts(char* programName)
+/// Ends the program when it is asked to.
+class QtApplication::TerminationSignals final : private EventLoop::Reader {
+  public:
+    explicit TerminationSignals(QtApplication& application)
+        : application_(application) {
+        sigset_t signals;
+        sigemptyset(&signals);
+        sigaddset(&signals, SIGTERM);
+        sigaddset(&signals, SIGINT);
+        struct sigaction hangup {};
+        sigaction(SIGHUP, nullptr, &hangup);
+        if (hangup.sa_handler != SIG_IGN) sigaddset(&signals, SIGHUP); // not under nohup
+        pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+        file_ = OpenFile(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+        if (file_)
+            application.loop_.watch(file_.file(), *this);
+        else
+            pthread_sigmask(SIG_UNBLOCK, &signals, nullptr); // then they end the program the hard way
+    }
+
+  private:
+    void readable() override {
+        signalfd_siginfo signal{};
+        if (read(file_.file(), &signal, sizeof signal) == sizeof signal) application_.terminate();
+    }
+
+    QtApplication& application_;
+    OpenFile file_;
+};
+
+/// Qt's application object. Its loop serves ours.
+struct QtApplication::Qt {
+    Qt(EventLoop& loop, char* programName)
         : arguments{programName, nullptr}
-        , application((choosePlatform(), argumentCount), arguments.data())
-        , notifier(signals.file(), QSocketNotifier::Read) {
+        , application(argumentCount, arguments.data())
+        , notifier(loop.file(), QSocketNotifier::Read) {
         QCoreApplication::setApplicationName(QStringLiteral("Tessary Link"));
         QApplication::setDesktopFileName(QStringLiteral("tessary-link"));
         QApplication::setQuitOnLastWindowClosed(false);
         QCoreApplication::setQuitLockEnabled(false);
-        QObject::connect(&notifier, &QSocketNotifier::activated, &application, &QCoreApplication::quit);
+        QObject::connect(&notifier, &QSocketNotifier::activated, &application, [&loop] { loop.serveOne(0); });
         // The next session starts the program exactly if its user wants it started at login.
         QObject::connect(
             &application, &QGuiApplication::saveStateRequest, &application,
             [](QSessionManager& session) { session.setRestartHint(QSessionManager::RestartNever); },
-            Qt::DirectConnection);
+            ::Qt::DirectConnection);
     }
 
-    TerminationSignals signals;
     int argumentCount = 1; // the program has no options, not even Qt's
     std::array<char*, 2> arguments;
     QApplication application;
     QSocketNotifier notifier;
 };
 
-QtApplication::QtApplication(char* programName)
-    : parts_(std::make_unique<Parts>(programName)) {}
+QtApplication::QtApplication(EventLoop& loop, char* programName)
+    : loop_(loop)
+    , programName_(programName)
+    , signals_(std::make_unique<TerminationSignals>(*this)) {}
 
 QtApplication::~QtApplication() = default;
 
-int QtApplication::run(std::function<void()> didFinishLaunching, std::function<void()> willTerminate) {
-    willTerminate_ = std::move(willTerminate);
-    QMetaObject::invokeMethod(&parts_->application, std::move(didFinishLaunching), Qt::QueuedConnection);
-    const int status = QCoreApplication::exec();
-    std::exchange(willTerminate_, nullptr)();
+int QtApplication::run(Handlers handlers) {
+    handlers_ = std::move(handlers);
+    Display::ask(loop_, [this] { isDisplayThere_ = true; });
+    const auto silence =
+        loop_.at(EventLoop::Clock::now() + displayTimeout, [this] { handlers_.displayIsSilent(); });
+    while (!isDisplayThere_ && !isTerminating_)
+        loop_.serveOne(-1);
+    loop_.cancel(silence);
+    if (!isTerminating_) {
+        qt_ = std::make_unique<Qt>(loop_, programName_);
+        handlers_.displayAnswered();
+        QCoreApplication::exec();
+    }
+    std::exchange(handlers_.willTerminate, nullptr)();
     endSoon();
-    return status;
+    return EXIT_SUCCESS;
 }
 
 void QtApplication::terminate() {
-    QCoreApplication::quit();
+    isTerminating_ = true;
+    if (qt_) QCoreApplication::quit();
 }
 
 void QtApplication::processIsExiting() {
-    if (!willTerminate_) return;
-    std::exchange(willTerminate_, nullptr)();
+    if (!handlers_.willTerminate) return;
+    std::exchange(handlers_.willTerminate, nullptr)();
     _exit(EXIT_FAILURE);
 }
 

@@ -1,7 +1,8 @@
-// The application object and its event loop, on Qt.
+// The application object on Qt, around the main thread's event loop.
 #pragma once
 
 #include "Platform/Application.h"
+#include "Platform/epoll/EventLoop.h"
 
 #include <functional>
 #include <memory>
@@ -10,20 +11,29 @@ namespace tessary {
 
 /// A program without a window: its presence is a status item. The first object of the main thread: it takes
 /// the signals that end the program before any other thread exists. Works without a display too.
+///
+/// The main thread's work is served from the first moment on. Qt's own objects come once the display has
+/// answered, and from then on Qt's loop serves the work.
 class QtApplication : public Application {
   public:
-    explicit QtApplication(char* programName);
+    struct Handlers {
+        /// Qt's objects can be made from now on. Called once, or never if the display does not answer.
+        std::function<void()> displayAnswered;
+        /// The display has not answered for ten seconds.
+        std::function<void()> displayIsSilent;
+        /// Called once after the loop; from then on the process has three seconds to end by itself.
+        std::function<void()> willTerminate;
+    };
+
+    /// @param loop  the main thread's; outlives the process's last thread
+    QtApplication(EventLoop& loop, char* programName);
     QtApplication(const QtApplication&) = delete;
     QtApplication& operator=(const QtApplication&) = delete;
     ~QtApplication() override;
 
-    /// Runs the event loop until `terminate`, SIGTERM, SIGINT, SIGHUP (unless the starter had that one
-    /// ignored) or the end of the desktop session.
-    ///
-    /// @param didFinishLaunching  called once from the loop
-    /// @param willTerminate       called once after the loop, before this returns 0; from then on the process
-    ///                            has three seconds to end by itself
-    int run(std::function<void()> didFinishLaunching, std::function<void()> willTerminate);
+    /// Runs the loop until `terminate`, SIGTERM, SIGINT, SIGHUP (unless the starter had that one ignored) or
+    /// the end of the desktop session.
+    int run(Handlers handlers);
 
     void terminate() override;
 
@@ -33,9 +43,16 @@ class QtApplication : public Application {
     void processIsExiting();
 
   private:
-    struct Parts;
-    std::unique_ptr<Parts> parts_;
-    std::function<void()> willTerminate_; ///< while the loop runs
+    class TerminationSignals;
+    struct Qt;
+
+    EventLoop& loop_;
+    char* const programName_;
+    const std::unique_ptr<TerminationSignals> signals_;
+    Handlers handlers_;
+    bool isDisplayThere_ = false;
+    bool isTerminating_ = false;
+    std::unique_ptr<Qt> qt_;
 };
 
 } // namespace tessary

@@ -115,7 +115,7 @@ void QtMenu::setItems(std::vector<MenuItem> items) {
 }
 
 void QtMenu::contentDidChange() {
-    if (std::exchange(isUpdatePending_, true)) return;
+    if (!view_ || std::exchange(isUpdatePending_, true)) return;
     QTimer::singleShot(0, &context_, [this] {
         isUpdatePending_ = false;
         if (!isOpen_) needsUpdate();
@@ -131,6 +131,7 @@ QMenu& QtMenu::makeView(MenuView::Writing writing) {
     QMenu& menu = view_->menu();
     QObject::connect(&menu, &QMenu::aboutToShow, &context_, [this] { willOpen(); });
     QObject::connect(&menu, &QMenu::aboutToHide, &context_, [this] { didClose(); });
+    needsUpdate();
     view_->show(items_);
     return menu;
 }

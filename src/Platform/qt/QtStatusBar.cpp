@@ -35,14 +35,21 @@ class QtStatusItem : public StatusItem {
     bool isVisible() const override { return isVisible_; }
     void setVisible(bool isVisible) override {
         isVisible_ = isVisible;
-        if (tray_)
-            tray_->setVisible(isVisible);
-        else if (isVisible && !host_)
-            host_ = std::make_unique<TrayHost>([this](TrayProtocol protocol) { appear(protocol); });
+        if (tray_) tray_->setVisible(isVisible);
+        lookForHost();
     }
     void setMenu(std::shared_ptr<Menu> menu) override { menu_ = std::static_pointer_cast<QtMenu>(menu); }
 
+    void displayAnswered() {
+        isDisplayThere_ = true;
+        lookForHost();
+    }
+
   private:
+    void lookForHost() {
+        if (isDisplayThere_ && isVisible_ && !host_)
+            host_ = std::make_unique<TrayHost>([this](TrayProtocol protocol) { appear(protocol); });
+    }
     void appear(TrayProtocol protocol) {
         const bool isWidget = protocol == TrayProtocol::xembed;
         const QIcon icon =
@@ -66,6 +73,7 @@ class QtStatusItem : public StatusItem {
     Image image_;
     QString accessibleName_;
     bool isVisible_ = false;
+    bool isDisplayThere_ = false;
     std::shared_ptr<QtMenu> menu_;
     std::unique_ptr<TrayHost> host_;
     std::unique_ptr<QSystemTrayIcon> tray_;
@@ -75,13 +83,21 @@ QtStatusBar::QtStatusBar() = default;
 QtStatusBar::~QtStatusBar() = default;
 
 std::shared_ptr<StatusItem> QtStatusBar::makeStatusItem(StatusItemLength) {
-    return std::make_shared<QtStatusItem>();
+    const auto item = std::make_shared<QtStatusItem>();
+    if (isDisplayThere_) item->displayAnswered();
+    item_ = item;
+    return item;
 }
 
 std::shared_ptr<Menu> QtStatusBar::makeMenu() {
     auto menu = std::make_shared<QtMenu>();
     menu_ = menu;
     return menu;
+}
+
+void QtStatusBar::displayAnswered() {
+    isDisplayThere_ = true;
+    if (const auto item = item_.lock()) item->displayAnswered();
 }
 
 void QtStatusBar::menuContentDidChange() {

@@ -1,4 +1,4 @@
-#include "Platform/epoll/LoopTimer.h"
+#include "Platform/epoll/LoopQueue.h"
 
 #include "Platform/TimerHandle.h"
 
@@ -13,13 +13,16 @@ namespace {
 /// What the loop holds of a timer, next to its owner's handle.
 class TimerState : public Timer, public std::enable_shared_from_this<TimerState> {
   public:
-    TimerState(EventLoop& loop, std::function<void(Timer&)> handler)
+    TimerState(EventLoop& loop, TimerAlignment alignment, std::function<void(Timer&)> handler)
         : loop_(loop)
+        , alignment_(alignment)
         , handler_(std::move(handler)) {}
 
     void schedule(std::chrono::nanoseconds first, std::chrono::nanoseconds every) override {
         loop_.dispatch([self = shared_from_this(), first, every] {
             self->due_ = EventLoop::Clock::now() + first;
+            if (self->alignment_ == TimerAlignment::wholeSeconds && every >= std::chrono::seconds(1))
+                self->due_ = std::chrono::floor<std::chrono::seconds>(self->due_);
             self->every_ = every;
             self->wait();
         });
@@ -55,6 +58,7 @@ class TimerState : public Timer, public std::enable_shared_from_this<TimerState>
     }
 
     EventLoop& loop_;
+    const TimerAlignment alignment_;
     const std::function<void(Timer&)> handler_;
     std::atomic<bool> isCancelled_ = false;
     EventLoop::Clock::time_point due_;
@@ -64,8 +68,14 @@ class TimerState : public Timer, public std::enable_shared_from_this<TimerState>
 
 } // namespace
 
-std::shared_ptr<Timer> makeLoopTimer(EventLoop& loop, std::function<void(Timer&)> handler) {
-    return std::make_shared<TimerHandle>(std::make_shared<TimerState>(loop, std::move(handler)));
+std::shared_ptr<Timer> LoopQueue::makeTimer(std::function<void(Timer&)> handler) {
+    return std::make_shared<TimerHandle>(std::make_shared<TimerState>(loop_, alignment_, std::move(handler)));
+}
+
+void LoopQueue::postAfter(std::chrono::nanoseconds delay, std::function<void()> work) {
+    post([&loop = loop_, due = EventLoop::Clock::now() + delay, work = std::move(work)]() mutable {
+        loop.at(due, std::move(work));
+    });
 }
 
 } // namespace tessary

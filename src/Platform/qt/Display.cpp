@@ -1,0 +1,77 @@
+#include "Platform/qt/Display.h"
+
+#include "Platform/posix/OpenFile.h"
+#include "Platform/posix/Thread.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <utility>
+#include <xcb/xcb.h>
+
+namespace tessary {
+
+namespace {
+
+std::string variable(const char* name) {
+    const char* value = std::getenv(name);
+    return value ? value : "";
+}
+
+/// Where to show things: on the display that there is, else nowhere, which lets the program do its job all
+/// the same. X11 comes first, because with it the program can end its sessions even when the display server
+/// dies: on a lost Wayland connection Qt ends the process at once. A user's own choice stays.
+///
+/// The look is Qt's plain one. A theme of the desktop would load its whole toolkit, 14 MB, for one menu that
+/// most panels draw themselves; and GTK too ends the process at once when the display server dies.
+void choosePlatform() {
+    std::string platforms;
+    if (!variable("DISPLAY").empty()) platforms += "xcb;";
+    if (!variable("WAYLAND_DISPLAY").empty()) platforms += "wayland;";
+    setenv("QT_QPA_PLATFORM", (platforms + "offscreen").c_str(), 0);
+    setenv("XDG_CURRENT_DESKTOP", "X-Generic", 1);
+    unsetenv("QT_QPA_PLATFORMTHEME");
+}
+
+void awaitX11() {
+    xcb_disconnect(xcb_connect(nullptr, nullptr));
+}
+
+/// Asks the compositor for a sign of life: wl_display.sync, object 1, opcode 0, and the identifier of a
+/// callback.
+void awaitWayland() {
+    std::string path = variable("WAYLAND_DISPLAY");
+    if (!path.starts_with('/')) path = variable("XDG_RUNTIME_DIR") + "/" + path;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const OpenFile compositor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (path.size() >= sizeof address.sun_path) return;
+    std::ranges::copy(path, address.sun_path);
+    if (connect(compositor.file(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) return;
+    constexpr std::array<std::uint32_t, 3> sync{1, 12 << 16, 2};
+    std::uint32_t answer = 0;
+    if (send(compositor.file(), sync.data(), sizeof sync, MSG_NOSIGNAL) == sizeof sync)
+        recv(compositor.file(), &answer, sizeof answer, 0);
+}
+
+} // namespace
+
+void Display::ask(EventLoop& loop, std::function<void()> answered) {
+    choosePlatform();
+    const std::string platform = variable("QT_QPA_PLATFORM");
+    const auto await = platform.starts_with("xcb") && !variable("DISPLAY").empty() ? awaitX11
+                       : platform.starts_with("wayland")                           ? awaitWayland
+                                                                                   : nullptr;
+    if (!await) return answered();
+    startThread("tessary-display", [&loop, await, answered = std::move(answered)]() mutable {
+        await();
+        loop.post(std::move(answered));
+    }).detach();
+}
+
+} // namespace tessary
