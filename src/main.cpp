@@ -7,6 +7,7 @@
 #include "Platform/epoll/LoopQueue.h"
 #include "Platform/jack/JackOutput.h"
 #include "Platform/posix/InstanceLock.h"
+#include "Platform/posix/OpenFileLimit.h"
 #include "Platform/posix/StandardOutputLog.h"
 #include "Platform/posix/SystemClock.h"
 #include "Platform/posix/SystemRandom.h"
@@ -40,6 +41,7 @@ std::unique_ptr<MIDIOutput> makeMIDIOutput() {
 
 int runApplication(char* programName) {
     signal(SIGPIPE, SIG_IGN); // a reader of our output that leaves is no reason to stop playing
+    raiseOpenFileLimit();
     const std::string preferencesPath = JSONPreferences::defaultPath();
     const InstanceLock lock(
         InstanceLock::defaultFolders(std::filesystem::path(preferencesPath).parent_path()));

@@ -89,6 +89,7 @@ void RTPMIDISession::start() {
     const std::lock_guard lock(mutex_);
     if (state_.which != Case::idle) return;
     startedAt_ = platform_.clock.now();
+    isRunningSaid_ = false;
     controlConn_ = makeUDPConnection(
         controlLocalPort, controlRemotePort_,
         [weak = weak_from_this()](const UDPConnection& connection) {
@@ -289,7 +290,8 @@ void RTPMIDISession::handleClockSync(const AppleMIDIPacket::ClockSync& packet) {
         send({AppleMIDIPacket::ClockSync{
                  .ssrc = ssrc_, .count = 2, .t1 = packet.t1, .t2 = packet.t2, .t3 = timestamp()}},
              *dataConn_);
-        if (state_.which == Case::running) return;
+        // A busy main thread takes its time to store it: once is enough.
+        if (state_.which == Case::running || std::exchange(isRunningSaid_, true)) return;
         setState({Case::running, {}});
         platform_.log.line("[RTPMIDI] running with " + peerName_);
         startCKHeartbeat();

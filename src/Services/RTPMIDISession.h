@@ -120,8 +120,9 @@ class RTPMIDISession : public std::enable_shared_from_this<RTPMIDISession> {
     const std::shared_ptr<TimerQueue> queue_;
 
     mutable std::mutex mutex_;
-    State state_;              ///< as last stored on the main thread
-    int statesOnTheirWay_ = 0; ///< set, but not stored yet
+    State state_;                ///< as last stored on the main thread
+    int statesOnTheirWay_ = 0;   ///< set, but not stored yet
+    bool isRunningSaid_ = false; ///< set, whether it is stored yet or not
     std::shared_ptr<UDPConnection> controlConn_;
     std::shared_ptr<UDPConnection> dataConn_;
     std::uint32_t controlToken_ = 0; ///< of the last invitation; 0: none sent

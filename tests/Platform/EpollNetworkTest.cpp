@@ -234,14 +234,17 @@ TEST(EpollNetworkTest, ARefusalDoesNotEatTheGoodbye) {
     }
 }
 
-TEST(EpollNetworkTest, APortThatAnotherProgramHoldsFails) {
+TEST(EpollNetworkTest, APortThatAnotherProgramHoldsFailsOnceAndOpensWhenThatOneHasGone) {
     EpollNetwork network({});
-    const PeerSocket other(IPv4Host{});
-    Listened listened(network, other.port(), firstHost, 5004);
+    std::optional<PeerSocket> other(std::in_place, IPv4Host{});
+    Listened listened(network, other->port(), firstHost, 5004);
     const auto report = listened.reports->states.next();
     ASSERT_TRUE(report);
     EXPECT_EQ(report->first, ConnectionState::failed);
     EXPECT_EQ(report->second.message(), "Address already in use");
+    EXPECT_FALSE(listened.reports->states.next(5500ms)); // it has been tried again in vain
+    other.reset();
+    EXPECT_EQ(listened.nextState(), ConnectionState::ready);
 }
 
 TEST(EpollNetworkTest, HeldPortsAreClosedToOthersAndOpenToOurselves) {

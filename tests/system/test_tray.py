@@ -321,6 +321,21 @@ class Endings(TrayTest):
                     device.wait_for(rf"bye from .*\({port}\)")
                 device.end()
 
+    def test_a_display_that_answers_late(self):
+        """The devices play meanwhile, and the program ends when it is told to."""
+        self.desktop.display.signal(signal.SIGSTOP)
+        self.addCleanup(self.desktop.display.signal, signal.SIGCONT)
+        device = self.device(2, "iPad")
+        program = self.desktop.program()
+        program.wait_for("running$")
+        program.terminate()
+        device.wait_for(r"bye from .*\(data\)")
+        program = self.desktop.program()
+        program.wait_for("the display does not answer", 15)
+        self.desktop.display.signal(signal.SIGCONT)
+        self.desktop.xfce_panel()
+        self.desktop.wait_for_item()
+
     def test_a_session_bus_that_does_not_answer(self):
         self.desktop.xembed_panel()
         self.desktop.bus.signal(signal.SIGSTOP)

@@ -14,6 +14,10 @@ namespace {
 /// An app that is just starting opens its port within seconds; the invitation is repeated at this pace.
 constexpr auto retryPause = std::chrono::seconds(1);
 
+/// How soon a socket that could not be opened is tried again: files run out while many devices are there, and
+/// another user's program may hold the port.
+constexpr auto reopenDelay = std::chrono::seconds(5);
+
 /// The network is not there now. It may come back, and says so by itself.
 bool isNoRoute(int error) {
     return error == ENETUNREACH || error == EHOSTUNREACH || error == ENETDOWN || error == EADDRNOTAVAIL;
@@ -50,18 +54,26 @@ EpollConnection::EpollConnection(EventLoop& loop, std::span<std::uint8_t> buffer
     , remotePort_(remotePort) {}
 
 void EpollConnection::open() {
-    if (isSilent_) return;
+    if (isSilent_ || isSuperseded_) return;
     auto [opened, error] = openConnected(localPort_, host_, remotePort_);
+    isWaitingForRoute_ = error && isNoRoute(error.value());
+    const bool isNews = std::exchange(openError_, error) != error;
+    if (isWaitingForRoute_) return;
     if (error) {
-        isWaitingForRoute_ = isNoRoute(error.value());
-        if (!isWaitingForRoute_) report(ConnectionState::failed, error);
-        return;
+        if (isNews) report(ConnectionState::failed, error);
+        return openLater();
     }
-    isWaitingForRoute_ = false;
     isHeard_ = false;
     setSocket(std::move(opened));
     loop_.watch(socket_.file(), *this);
     report(ConnectionState::ready);
+}
+
+void EpollConnection::openLater() {
+    loop_.at(EventLoop::Clock::now() + reopenDelay, [weak = weak_from_this()] {
+        const auto self = weak.lock();
+        if (self && self->openError_) self->open(); // a change of addresses may have opened it meanwhile
+    });
 }
 
 void EpollConnection::setSocket(OpenFile socket) {

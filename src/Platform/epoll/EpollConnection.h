@@ -30,7 +30,8 @@ class EpollConnection final : public EventLoop::Reader, public std::enable_share
 
     void setHandlers(UDPHandlers handlers) { handlers_ = std::move(handlers); }
 
-    /// Opens the socket; reports ready or failed. While there is no way to the peer it waits for one.
+    /// Opens the socket and reports ready. While there is no way to the peer it waits for one. Any other
+    /// error is reported once, as failed, and the socket is tried again every five seconds.
     void open();
 
     /// Sends one datagram at once. Runs on: any thread.
@@ -56,6 +57,7 @@ class EpollConnection final : public EventLoop::Reader, public std::enable_share
     void readable() override;
 
   private:
+    void openLater();
     void setSocket(OpenFile socket);
     void handOn(std::span<const std::uint8_t> datagram, std::error_code error);
     void refused();
@@ -72,6 +74,7 @@ class EpollConnection final : public EventLoop::Reader, public std::enable_share
     std::mutex
         socketMutex_; ///< between `send` and the network thread, which alone opens and closes the socket
     OpenFile socket_;
+    std::error_code openError_; ///< of the last attempt
     bool isWaitingForRoute_ = false;
     bool isSuperseded_ = false;
     bool isHeard_ = false;
