@@ -34,9 +34,9 @@ std::shared_ptr<AppDelegate> delegate;
 
 /// Every music program sees the ALSA sequencer's ports, and bridges show them to JACK's programs too. Only
 /// one of the two, or each device would play twice.
-std::unique_ptr<MIDIOutput> makeMIDIOutput() {
+std::unique_ptr<MIDIOutput> makeMIDIOutput(Log& log) {
     if (AlsaOutput::isAvailable()) return std::make_unique<AlsaOutput>();
-    return std::make_unique<JackOutput>();
+    return std::make_unique<JackOutput>(log);
 }
 
 int runApplication(char* programName) {
@@ -59,7 +59,7 @@ int runApplication(char* programName) {
     EpollNetwork network({RTPMIDISession::controlLocalPort, RTPMIDISession::dataLocalPort},
                          Scheduling::realTime);
     DiscoveryClient serviceDiscovery(mainLoop, mainQueue, log, DiscoveryClient::defaultExecutable());
-    const std::unique_ptr<MIDIOutput> midiOutput = makeMIDIOutput();
+    const std::unique_ptr<MIDIOutput> midiOutput = makeMIDIOutput(log);
     JSONPreferences preferences(preferencesPath);
     QtStatusBar statusBar;
     std::error_code ignored; // without /proc there is no path, and registering reports that

@@ -2,6 +2,7 @@
 
 #include "Platform/MIDIRing.h"
 #include "Platform/jack/CycleTime.h"
+#include "support/Fakes.h"
 #include "support/JackServer.h"
 
 #include <gtest/gtest.h>
@@ -201,7 +202,8 @@ class JackOutputTest : public testing::Test {
     }
 
     static inline std::unique_ptr<JackServer> server;
-    std::unique_ptr<JackOutput> output = std::make_unique<JackOutput>();
+    tessary::test::FakeLog log;
+    std::unique_ptr<JackOutput> output = std::make_unique<JackOutput>(log);
     MIDIObjectRef client = 0;
     MIDIObjectRef source = 0;
 };
@@ -292,10 +294,22 @@ TEST_F(JackOutputTest, SourceReturnsWithTheServerAndPlaysNothingOld) {
         publish(note(3));
         EXPECT_EQ(receiver.messages(1), (std::vector<Bytes>{note(3)}));
     }
-    output->disposeSource(source);
-    output->disposeClient(client);
-    ASSERT_EQ(output->createClient(name, client), 0) << "it can be had again";
-    ASSERT_EQ(output->createSource(client, name, midiProtocol1_0, source), 0);
+}
+
+TEST_F(JackOutputTest, WhatAServerThatStoodStillFindsTooOldIsDroppedAndCounted) {
+    openSource();
+    Receiver receiver;
+    ASSERT_TRUE(connect(receiver));
+    for (const std::size_t number : {1, 2, 3})
+        publish(note(number), hostTime() - milliseconds(1'500));
+    publish(note(4), hostTime() - milliseconds(500));
+    EXPECT_EQ(receiver.messages(1), std::vector<Bytes>{note(4)});
+    for (std::size_t count = 2; log.lines.empty() && count < 100; ++count) {
+        publish(note(5));
+        receiver.messages(count);
+    }
+    ASSERT_EQ(log.lines.size(), 1u);
+    EXPECT_EQ(log.lines[0], "[CoreMIDI] dropped 3 messages that JACK had not played within a second");
 }
 
 TEST_F(JackOutputTest, AServerThatHangsAtLaunchIsNotWaitedForAndGetsItsSourceLater) {

@@ -41,6 +41,9 @@ constexpr auto closeLimit = 200ms;
 /// A server that restarts is heard of within this time; a failed attempt costs one refused `connect`.
 constexpr auto retryInterval = 1s;
 
+/// What is older than this at its cycle is not played any more: the server has stood still meanwhile.
+constexpr std::int64_t maxAge = 1'000'000; // microseconds
+
 void ignoreMessage(const char*) {}
 
 std::int64_t monotonicMicroseconds() {
@@ -83,6 +86,9 @@ class ClockOffset {
 /// output, so that it may outlive the output by the time for which a hanging server holds libjack up.
 class JackOutput::Link {
   public:
+    explicit Link(Log& log)
+        : log_(log) {}
+
     /// Keeps a client, and a port if one is wanted, at the server until `close` is called. Gives up at once
     /// if there is no server at the start; later, tries again until there is one.
     ///
@@ -105,6 +111,7 @@ class JackOutput::Link {
     void publish(std::uint64_t hostTime, std::span<const std::uint8_t> message) {
         if (message.empty() || message.size() > longestMessage) return;
         if (takesMessages_.load(std::memory_order_acquire)) ring_.push(hostTime, message);
+        if (dropped_.load(std::memory_order_relaxed) != 0) reportDropped();
     }
 
   private:
@@ -120,7 +127,9 @@ class JackOutput::Link {
     static int process(jack_nframes_t frames, void* link);
     static void serverLost(void* link);
     void play(jack_nframes_t frames);
+    void reportDropped();
 
+    Log& log_;
     std::string clientName_;
     const JackLibrary* jack_ = nullptr; ///< set before there is a client; null without the library
     jack_client_t* client_ = nullptr;   ///< written only while JACK does not call `process`
@@ -129,6 +138,8 @@ class JackOutput::Link {
 
     MIDIRing ring_{ringCapacity};
     std::atomic<bool> takesMessages_{false};
+    std::size_t dropping_ = 0;            ///< messages dropped as too old in the cycles just before this one
+    std::atomic<std::size_t> dropped_{0}; ///< the same, to be reported by the network thread
 
     std::mutex mutex_;
     std::condition_variable changed_;
@@ -335,23 +346,36 @@ void JackOutput::Link::play(jack_nframes_t frames) {
     const CycleTime times{.start = static_cast<std::int64_t>(start), .period = period, .frames = frames};
 
     const std::int64_t clockOffset = clockOffset_.update(*jack_);
+    const std::int64_t oldest = monotonicMicroseconds() - maxAge;
+    const std::size_t droppedBefore = dropping_;
     jack_nframes_t frame = 0;
     while (const auto head = ring_.front()) {
+        if (static_cast<std::int64_t>(head->time / 1'000) < oldest) {
+            ++dropping_;
+            ring_.pop(*head);
+            continue;
+        }
         const auto due = times.frameOf(static_cast<std::int64_t>(head->time / 1'000) + clockOffset);
-        if (!due) return;
+        if (!due) break;
         frame = std::max(frame, *due);
         jack_midi_data_t* const to =
             buffer ? jack_->midi_event_reserve(buffer, frame, head->length) : nullptr;
         if (to)
             ring_.copyFront(*head, to);
         else if (buffer && jack_->midi_get_event_count(buffer) > 0)
-            return; // the next cycle's buffer has room, or no buffer ever has
+            break; // the next cycle's buffer has room, or no buffer ever has
         ring_.pop(*head);
     }
+    if (dropping_ == droppedBefore && dropping_ != 0) dropped_.fetch_add(std::exchange(dropping_, 0));
 }
 
-JackOutput::JackOutput()
-    : link_(std::make_shared<Link>()) {}
+void JackOutput::Link::reportDropped() {
+    log_.line("[CoreMIDI] dropped " + std::to_string(dropped_.exchange(0)) +
+              " messages that JACK had not played within a second");
+}
+
+JackOutput::JackOutput(Log& log)
+    : link_(std::make_shared<Link>(log)) {}
 
 JackOutput::~JackOutput() {
     JackOutput::disposeClient(clientRef);

@@ -1,6 +1,7 @@
 // The virtual MIDI source as an output port of JACK. On the road of a MIDI message.
 #pragma once
 
+#include "Platform/Log.h"
 #include "Platform/MIDIOutput.h"
 
 #include <memory>
@@ -12,13 +13,15 @@ namespace tessary {
 ///
 /// A message is played one period after it was stamped, neither earlier nor later, so that the spacing of
 /// messages survives. When the server dies, the client and its port return under the same names once there is
-/// a server again; what is published in between is dropped. Everything that libjack might block on happens on
-/// a thread of this object's own, which sleeps while the server lives.
+/// a server again; what is published in between is dropped. So is what a server that has stood still finds
+/// older than a second, note-offs included; one log line says how many messages. Everything that libjack
+/// might block on happens on a thread of this object's own, which sleeps while the server lives.
 ///
 /// Holds one client and one source at a time. Cheap until `createClient`.
 class JackOutput : public MIDIOutput {
   public:
-    JackOutput();
+    /// @param log  outlives the output
+    explicit JackOutput(Log& log);
     JackOutput(const JackOutput&) = delete;
     JackOutput& operator=(const JackOutput&) = delete;
     /// Takes about 200 milliseconds at most, even if the server hangs.
