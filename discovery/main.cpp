@@ -3,6 +3,7 @@
 // It reads the datagrams of everybody on the network with a library that some of them crash. So it is a
 // process of its own, confined, and without any state that its successor could not find again.
 
+#include "Aliases.h"
 #include "Confinement.h"
 #include "Engine.h"
 #include "Loop.h"
@@ -17,6 +18,7 @@
 #include <optional>
 #include <span>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 #include <vector>
 
@@ -111,6 +113,16 @@ void closeOthers() {
 } // namespace
 
 } // namespace tessary::discovery
+
+/// Stands in for the C library's function of this name, by which libavahi-core receives its datagrams: it
+/// gives no other way to look at them first.
+extern "C" ssize_t recvmsg(int socket, msghdr* message, int flags) {
+    const ssize_t size = syscall(SYS_recvmsg, socket, message, flags);
+    if (size > 0 && message->msg_name && message->msg_iovlen == 1) // a datagram, from somebody
+        tessary::discovery::hideAliases(
+            {static_cast<std::uint8_t*>(message->msg_iov[0].iov_base), static_cast<std::size_t>(size)});
+    return size;
+}
 
 int main() {
     using namespace tessary::discovery;

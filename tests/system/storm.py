@@ -18,6 +18,7 @@ import sys
 import threading
 import time
 
+import mdns
 from harness import CONTROL_PORT, DATA_PORT, DEVICE, Process
 
 RATE = 50  # messages a second that each device plays
@@ -117,24 +118,15 @@ class Path:
 
 # Services that nobody offers
 
-def name_of(*labels):
-    encoded = [label.encode() for label in labels]
-    return b"".join(bytes([len(label)]) + label for label in encoded) + b"\0"
-
-
-def record(name, kind, ttl, data, unique=False):
-    return name + struct.pack("!HHIH", kind, 0x8001 if unique else 1, ttl, len(data)) + data
-
-
 def bogus_service(number, ttl):
     """Every eighth has a host and a port; of the others there is nothing but the name. Every fourth is a marker."""
     service = ("_tessarylink", "_tcp", "local") if number % 4 == 3 else ("_apple-midi", "_udp", "local")
-    instance = name_of(f"Bogus {number}", *service)
-    records = [record(name_of(*service), 12, ttl, instance)]
+    instance = mdns.name(f"Bogus {number}", *service)
+    records = [mdns.record(mdns.name(*service), 12, ttl, instance)]
     if number % 8 == 0:
-        host = name_of(f"bogus-{number}", "local")
-        records.append(record(instance, 33, ttl, struct.pack("!HHH", 0, 0, 5004) + host, True))
-        records.append(record(host, 1, ttl, bytes((10, 77, 9, 100 + number // 8 % 100)), True))
+        host = mdns.name(f"bogus-{number}", "local")
+        records.append(mdns.record(instance, 33, ttl, struct.pack("!HHH", 0, 0, 5004) + host, True))
+        records.append(mdns.record(host, 1, ttl, bytes((10, 77, 9, 100 + number // 8 % 100)), True))
     return records
 
 
@@ -142,19 +134,11 @@ def announce_bogus(address, count):
     """Again and again: a daemon that has restarted knows them soon."""
     isOver = threading.Event()
     signal.signal(signal.SIGTERM, lambda *_: isOver.set())
-    out = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-    out.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-    out.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_TTL, 255)
-    out.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(address))
-    out.bind(("", 5353))
+    out = mdns.Sender(address)
 
     def send_all(ttl):
-        waiting = [each for number in range(count) for each in bogus_service(number, ttl)]
-        while waiting:
-            packet, records = b"", 0
-            while waiting and len(packet) + len(waiting[0]) < 1300:
-                packet, records = packet + waiting.pop(0), records + 1
-            out.sendto(struct.pack("!6H", 0, 0x8400, 0, records, 0, 0) + packet, ("224.0.0.251", 5353))
+        for datagram in mdns.datagrams(each for number in range(count) for each in bogus_service(number, ttl)):
+            out.send(datagram)
             time.sleep(0.002)
     while not isOver.is_set():
         send_all(4500)

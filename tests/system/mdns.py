@@ -1,0 +1,126 @@
+"""Multicast DNS as no responder sends it (RFC 6762): hostile records, for the network of a test.
+
+    mdns.py ADDRESS KIND [COUNT [PAUSE]]   sends a kind of datagram from that address, again and again
+"""
+import socket
+import struct
+import sys
+import time
+
+A, CNAME, PTR, SRV = 1, 5, 12, 33
+MIDI, MARKER = ("_apple-midi", "_udp", "local"), ("_tessarylink", "_tcp", "local")
+
+
+def name(*labels):
+    encoded = [label.encode() for label in labels]
+    return b"".join(bytes([len(label)]) + label for label in encoded) + b"\0"
+
+
+def record(owner, kind, ttl, data, unique=False):
+    return owner + struct.pack("!HHIH", kind, 0x8001 if unique else 1, ttl, len(data)) + data
+
+
+def datagrams(records, size=1300):
+    """Responses of at most that many bytes."""
+    packet, count = b"", 0
+    for each in records:
+        if packet and len(packet) + len(each) > size:
+            yield struct.pack("!6H", 0, 0x8400, 0, count, 0, 0) + packet
+            packet, count = b"", 0
+        packet, count = packet + each, count + 1
+    yield struct.pack("!6H", 0, 0x8400, 0, count, 0, 0) + packet
+
+
+class Sender:
+    def __init__(self, address):
+        self._socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self._socket.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        self._socket.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_TTL, 255)
+        self._socket.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(address))
+        self._socket.bind(("", 5353))
+
+    def send(self, datagram):
+        self._socket.sendto(datagram, ("224.0.0.251", 5353))
+
+
+def service(instance, host, kind=MIDI):
+    """A service that is looked up at once, and so is its host."""
+    return [record(name(*kind), PTR, 120, name(instance, *kind)),
+            record(name(instance, *kind), SRV, 120, struct.pack("!HHH", 0, 0, 5004) + host, True)]
+
+
+def alias(owner, target, ttl=120, unique=False):
+    return record(owner, CNAME, ttl, target, unique)
+
+
+def loop(number, length):
+    """Aliases of a host, the last of which points to the first."""
+    hosts = [name(f"loop-{number}-{each}", "local") for each in range(length)]
+    return service(f"Loop {number}", hosts[0]) + [
+        alias(host, hosts[(each + 1) % length]) for each, host in enumerate(hosts)]
+
+
+def passing(number, owner, kind, data):
+    """An alias whose target expires after a second; one that expires itself; one that changes."""
+    target = name(f"short-{number}", "local")
+    return [[alias(owner, target), record(target, kind, 1, data)],
+            [alias(owner, name(f"other-{number}", "local"), ttl=1, unique=True)],
+            [alias(owner, name(f"third-{number}", "local"), unique=True)]]
+
+
+def host_passes(number):
+    host = name(f"passing-{number}", "local")
+    return [service(f"Passing {number}", host) + step for step in passing(number, host, A, b"\x0a\x4d\x09\x09")]
+
+
+def instance_passes(number):
+    instance = name(f"Instance {number}", *MIDI)
+    place = struct.pack("!HHH", 0, 0, 5004) + name(f"passing-{number}", "local")
+    return [[record(name(*MIDI), PTR, 120, instance)] + step for step in passing(number, instance, SRV, place)]
+
+
+def type_passes(number, kind=MIDI):
+    return passing(number, name(*kind), PTR, name(f"Type {number}", *kind))
+
+
+# Each kind: from a number, groups of records; each group goes out in datagrams of its own.
+KINDS = {
+    "itself": lambda number: [loop(number, 1)],
+    "two": lambda number: [loop(number, 2)],
+    "three": lambda number: [loop(number, 3)],
+    "host": host_passes,
+    "instance": instance_passes,
+    "type": type_passes,
+    "marker": lambda number: type_passes(number, MARKER),
+    "type-itself": lambda number: [[alias(name(*MIDI), name(*MIDI))]],
+    "instance-itself": lambda number: [[record(name(*MIDI), PTR, 120, name(f"Self {number}", *MIDI)),
+                                        alias(name(f"Self {number}", *MIDI), name(f"Self {number}", *MIDI))]],
+    "many": lambda number: [[alias(name(f"many-{number}-{each}", "local"), name(f"many-{number}-{each + 1}", "local"))
+                             for each in range(10_000)] + loop(number, 1)],
+}
+
+
+def flood(number, count=200_000, ttl=0x7FFFFFFF):
+    """Records that are kept for years, as many as go into large datagrams."""
+    owner = b"\x01f\x05local\0"
+    return datagrams((record(bytes([7]) + b"%07x" % (number * count + each) + owner, 1, ttl, b"\x0a\x4d\x09\x09")
+                      for each in range(count)), 8900)
+
+
+def main(address, kind, count="1", pause="0.1"):
+    out = Sender(address)
+    for number in range(int(count)):
+        kinds = list(KINDS) if kind == "all" else [kind]
+        if kind == "flood":
+            for datagram in flood(number):
+                out.send(datagram)
+        else:
+            for group in KINDS[kinds[number % len(kinds)]](number):
+                for datagram in datagrams(group):
+                    out.send(datagram)
+        time.sleep(float(pause))
+    print("sent", flush=True)
+
+
+if __name__ == "__main__":
+    main(*sys.argv[1:])
