@@ -34,6 +34,9 @@ constexpr bool isSanitized = false;
 constexpr bool isSanitized = false;
 #endif
 
+/// However busy the network keeps this process, whatever plays comes first.
+constexpr int niceness = 10;
+
 bool limit(__rlimit_resource_t resource, rlim_t most) {
     rlimit wanted{};
     if (getrlimit(resource, &wanted) != 0) return false;
@@ -142,6 +145,7 @@ std::uint8_t confine() {
     if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) refused |= refusedParentDeath;
     if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) refused |= refusedPrivileges;
     prctl(PR_SET_DUMPABLE, 0); // neither core files nor debuggers of the same user
+    setpriority(PRIO_PROCESS, 0, niceness);
     if (!setLimits()) refused |= refusedLimits;
     if (!loadFilter()) refused |= refusedFilter;
     return static_cast<std::uint8_t>(refused);

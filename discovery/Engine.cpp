@@ -1,6 +1,7 @@
 #include "Engine.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <utility>
 #include <vector>
 
@@ -23,6 +24,10 @@ constexpr std::size_t maxMissing = 64;
 
 /// A live responder answers within this time even if the first query is lost (RFC 6762, section 5.2).
 constexpr auto answerTime = std::chrono::milliseconds(1500);
+
+/// A daemon that goes again within this time is not only being restarted: somebody on the network makes it
+/// crash.
+constexpr auto stableTime = std::chrono::minutes(1);
 
 std::string lowerCase(std::string text) {
     for (char& character : text)
@@ -87,6 +92,8 @@ void Engine::ready() {
 }
 
 void Engine::lost() {
+    const auto now = Loop::Clock::now();
+    if (now - std::exchange(lostAt_, now) < stableTime) std::_Exit(unstableDaemonStatus);
     for (const auto& [number, browse] : browses_)
         browse->interrupt();
     for (const auto& [number, service] : services_)

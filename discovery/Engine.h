@@ -39,6 +39,7 @@ class Engine {
 
     Services& queue(Service::State state) { return queues_[static_cast<std::size_t>(state)]; }
     void ready();
+    /// Ends the process if the daemon is not stable: the program then starts one with the embedded responder.
     void lost();
     std::shared_ptr<Host> host(const std::string& name);
     void hostChanged(const Host& host);
@@ -52,6 +53,7 @@ class Engine {
     Responder responder_;
     int error_ = AVAHI_OK; // why there is no backend
     std::shared_ptr<Backend> backend_;
+    Loop::Clock::time_point lostAt_; // when the daemon went last
     bool isAskingScheduled_ = false;
     std::map<std::uint32_t, std::shared_ptr<ServiceBrowse>> browses_;
     std::map<std::string, std::weak_ptr<Host>>

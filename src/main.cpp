@@ -35,7 +35,7 @@ std::shared_ptr<AppDelegate> delegate;
 /// Every music program sees the ALSA sequencer's ports, and bridges show them to JACK's programs too. Only
 /// one of the two, or each device would play twice.
 std::unique_ptr<MIDIOutput> makeMIDIOutput(Log& log) {
-    if (AlsaOutput::isAvailable()) return std::make_unique<AlsaOutput>();
+    if (AlsaOutput::isAvailable()) return std::make_unique<AlsaOutput>(log);
     return std::make_unique<JackOutput>(log);
 }
 

@@ -232,11 +232,11 @@ class SystemTest(unittest.TestCase):
 class Program(Process):
     """The program under test. Its preferences live in `config`."""
 
-    def __init__(self, test, host, config=None, stdout=None, variables=None):
+    def __init__(self, test, host, config=None, stdout=None, variables=None, executable=PROGRAM):
         self.config = config or pathlib.Path(tempfile.mkdtemp(dir=test.directory))
         env = environment(**{"XDG_CONFIG_HOME": str(self.config), "HOME": str(self.config)} | (variables or {}))
         self._test = test
-        super().__init__(test, [PROGRAM], host, env, stdout)
+        super().__init__(test, [executable], host, env, stdout)
 
     @property
     def preferences(self):
@@ -263,14 +263,15 @@ class JackServer:
     one that does not (`patient` False) drops a client's whole period when the machine is busy, which would look
     like lost notes."""
 
-    def __init__(self, test, host, patient=True):
+    def __init__(self, test, host, patient=True, priority=None):
         self._test, self._host = test, host
-        self._options = ["-S", "-t", "2000"] if patient else []
+        self._options = ["-R", "-P", str(priority)] if priority else ["-r"]
+        self._options += ["-S", "-t", "2000"] if patient else []
         self.start()
 
     def start(self):
         driver = ["-d", "dummy", "-r", "48000", "-p", "256"]
-        self.process = Process(self._test, ["jackd", "-r", *self._options, *driver], self._host)
+        self.process = Process(self._test, ["jackd", *self._options, *driver], self._host)
         self._host.run("jack_wait", "-w", "-t", "10")
 
     def receiver(self):
@@ -280,13 +281,15 @@ class JackServer:
 class Receiver(Process):
     """A JACK client that is not ours. It is connected to the program's source, and hears its messages."""
 
+    OPTIONS = ()
+
     def __init__(self, test, host):
         # jack_lsp takes no part in the server's cycles. Clients that do may stall a JACK server of this version
         # for good if they come at the same moment, so they come one by one.
         def ports():
             return host.run("jack_lsp", check=False).stdout.splitlines()
         until(lambda: SOURCE in ports(), 10, "the source is there")
-        super().__init__(test, ["jack_midi_dump", "receiver"], host)
+        super().__init__(test, ["jack_midi_dump", *self.OPTIONS, "receiver"], host)
         until(lambda: "receiver:input" in ports(), 10, "the receiver is there")
         # The server shows the port before the client is active.
         until(lambda: host.run("jack_connect", SOURCE, "receiver:input", check=False).returncode == 0, 10,

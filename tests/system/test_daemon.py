@@ -23,25 +23,33 @@ publish-hinfo=no
 """
 
 
+def start_system_bus(test, host):
+    if missing := [tool for tool in ("dbus-daemon", "avahi-daemon") if not shutil.which(tool)]:
+        test.skipTest("missing: " + ", ".join(missing))
+    host.run("mkdir", "/run/dbus", "/run/avahi-daemon")
+    (test.directory / "bus.conf").write_text(BUS)
+    (test.directory / "avahi.conf").write_text(AVAHI)
+    Process(test, ["dbus-daemon", "--config-file", test.directory / "bus.conf", "--nofork", "--nopidfile",
+                   "--print-address"], host).wait_for("^unix:")
+
+
+def start_daemon(test, host, waits=True):
+    daemon = Process(test, ["sh", "-c", "exec avahi-daemon --no-drop-root --no-chroot --no-rlimits "
+                            f"--no-proc-title -f {test.directory}/avahi.conf 2>&1"], host)
+    if waits:
+        daemon.wait_for("Server startup complete")
+    return daemon
+
+
 class WithDaemon(SystemTest):
     def setUp(self):
         super().setUp()
-        if missing := [tool for tool in ("dbus-daemon", "avahi-daemon") if not shutil.which(tool)]:
-            self.skipTest("missing: " + ", ".join(missing))
         self.desk = self.network.host("10.77.1.1/24")
         self.stage = self.network.host("10.77.1.2/24")
-        self.desk.run("mkdir", "/run/dbus", "/run/avahi-daemon")
-        (self.directory / "bus.conf").write_text(BUS)
-        (self.directory / "avahi.conf").write_text(AVAHI)
-        bus = Process(self, ["dbus-daemon", "--config-file", self.directory / "bus.conf", "--nofork", "--nopidfile",
-                             "--print-address"], self.desk)
-        bus.wait_for("^unix:")
+        start_system_bus(self, self.desk)
 
     def daemon(self):
-        daemon = Process(self, ["sh", "-c", "exec avahi-daemon --no-drop-root --no-chroot --no-rlimits "
-                                f"--no-proc-title -f {self.directory}/avahi.conf 2>&1"], self.desk)
-        daemon.wait_for("Server startup complete")
-        return daemon
+        return start_daemon(self, self.desk)
 
     def test_daemon_restarts_while_notes_play(self):
         daemon = self.daemon()

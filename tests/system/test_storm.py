@@ -360,18 +360,12 @@ class Storm(SystemTest):
         self.storm()
 
     def test_with_daemon(self):
-        if missing := [tool for tool in ("dbus-daemon", "avahi-daemon") if not shutil.which(tool)]:
-            self.skipTest("missing: " + ", ".join(missing))
-        self.desk.run("mkdir", "/run/dbus", "/run/avahi-daemon")
-        (self.directory / "bus.conf").write_text(test_daemon.BUS)
-        (self.directory / "avahi.conf").write_text(test_daemon.AVAHI)
-        Process(self, ["dbus-daemon", "--config-file", self.directory / "bus.conf", "--nofork", "--nopidfile",
-                       "--print-address"], self.desk).wait_for("^unix:")
+        test_daemon.start_system_bus(self, self.desk)
         self.avahi = self.daemon()
         self.storm()
 
     def daemon(self):
-        return test_daemon.WithDaemon.daemon(self)
+        return test_daemon.start_daemon(self, self.desk)
 
 
 if __name__ == "__main__":

@@ -7,10 +7,12 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <optional>
+#include <poll.h>
 #include <string>
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
+#include <vector>
 
 namespace tessary {
 
@@ -32,7 +34,8 @@ void ignoreMessage(const char*, int, const char*, int, const char*, ...) {}
 
 class AlsaOutput::Client {
   public:
-    Client() = default;
+    explicit Client(Log& log)
+        : log_(log) {}
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
     ~Client() {
@@ -51,6 +54,9 @@ class AlsaOutput::Client {
   private:
     int send(std::uint64_t hostTime, std::span<const std::uint8_t> bytes);
 
+    std::vector<Subscriber> subscribers() const;
+
+    Log& log_;
     snd_seq_t* sequencer_ = nullptr;
     std::optional<PacedSender> sender_; ///< exactly while there is a port
 };
@@ -71,11 +77,13 @@ MIDIStatus AlsaOutput::Client::open(std::string_view name) {
 MIDIStatus AlsaOutput::Client::openPort(std::string_view name) {
     if (sender_) return -EBUSY;
     try {
-        sender_.emplace([this](std::uint64_t hostTime, std::span<const std::uint8_t> bytes) {
-            // A subscriber's full queue shows as an error here. The others have got the event: it is never
-            // sent again.
-            send(hostTime, bytes);
-        });
+        sender_.emplace(
+            [this](std::uint64_t hostTime, std::span<const std::uint8_t> bytes) {
+                // A subscriber's full queue shows as an error here. The others have got the event: it is
+                // never sent again.
+                send(hostTime, bytes);
+            },
+            [this] { return subscribers(); }, log_);
     } catch (const std::system_error&) {
         return -EAGAIN;
     }
@@ -103,7 +111,14 @@ int AlsaOutput::Client::send(std::uint64_t hostTime, std::span<const std::uint8_
     return event ? snd_seq_event_output_direct(sequencer_, &*event) : 0;
 }
 
-AlsaOutput::AlsaOutput() = default;
+std::vector<Subscriber> AlsaOutput::Client::subscribers() const {
+    pollfd file{};
+    snd_seq_poll_descriptors(sequencer_, &file, 1, POLLOUT);
+    return subscribersOf(file.fd, snd_seq_client_id(sequencer_), portNumber);
+}
+
+AlsaOutput::AlsaOutput(Log& log)
+    : log_(log) {}
 AlsaOutput::~AlsaOutput() = default;
 
 bool AlsaOutput::isAvailable() {
@@ -118,7 +133,7 @@ bool AlsaOutput::isAvailable() {
 MIDIStatus AlsaOutput::createClient(std::string_view name, MIDIObjectRef& client) {
     client = 0;
     if (client_) return -EBUSY;
-    client_ = std::make_unique<Client>();
+    client_ = std::make_unique<Client>(log_);
     const MIDIStatus status = client_->open(name);
     if (status == 0)
         client = clientRef;

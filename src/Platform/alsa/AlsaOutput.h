@@ -1,6 +1,7 @@
 // The virtual MIDI source as a port of the ALSA sequencer. On the road of a MIDI message.
 #pragma once
 
+#include "Platform/Log.h"
 #include "Platform/MIDIOutput.h"
 
 #include <memory>
@@ -21,7 +22,8 @@ namespace tessary {
 /// when the source is disposed of.
 class AlsaOutput : public MIDIOutput {
   public:
-    AlsaOutput();
+    /// @param log  outlives the output
+    explicit AlsaOutput(Log& log);
     AlsaOutput(const AlsaOutput&) = delete;
     AlsaOutput& operator=(const AlsaOutput&) = delete;
     /// Takes about 100 milliseconds at most.
@@ -52,6 +54,7 @@ class AlsaOutput : public MIDIOutput {
 
   private:
     class Client;
+    Log& log_;
     std::unique_ptr<Client> client_;
 };
 

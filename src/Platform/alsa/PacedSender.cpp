@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <string>
 #include <utility>
 
 namespace tessary {
@@ -16,10 +17,26 @@ bool isWhole(std::span<const std::uint8_t> message) {
     return message[0] != 0xF0 || message.back() == 0xF7;
 }
 
+/// The sequencer keeps an event in one cell of its pool, and the bytes of a piece in further ones.
+constexpr std::size_t bytesOfACell = 28;
+
+/// How soon subscribers are asked again for room.
+constexpr auto roomInterval = std::chrono::milliseconds(1);
+/// A subscriber that has had no room for that long has stopped reading.
+constexpr auto stallTime = std::chrono::milliseconds(100);
+
+/// Whether the subscriber has room for so many bytes, and then for the notes of the same moment.
+bool hasRoom(const Subscriber& subscriber, std::size_t size) {
+    const auto cells = static_cast<int>(1 + (size + bytesOfACell - 1) / bytesOfACell);
+    return subscriber.room - cells >= subscriber.size / 2 || subscriber.room == subscriber.size;
+}
+
 } // namespace
 
-PacedSender::PacedSender(Send send)
-    : send_(std::move(send)) {
+PacedSender::PacedSender(Send send, Subscribers subscribers, Log& log)
+    : send_(std::move(send))
+    , subscribers_(std::move(subscribers))
+    , log_(log) {
     sem_init(&messages_, 0, 0);
     thread_ = startThread("tessary-alsa", [this] { run(); });
 }
@@ -44,35 +61,40 @@ void PacedSender::publish(std::uint64_t hostTime, std::span<const std::uint8_t> 
         return;
     }
     if (waiting == 0 && message.size() <= pieceSize) {
-        const auto now = ExclusivePace::Clock::now();
-        if (pace_.nextTime(message.size()) <= now) {
+        const auto now = Clock::now();
+        if (pace_.nextTime(message.size(), now) <= now) {
             pace_.sent(message.size(), now);
             send_(hostTime, message);
             return;
         }
     }
-    if (isExclusive && waiting + message.size() > mostExclusive) return;
+    const bool isTooMuch = isExclusive && waiting + message.size() > maxWaiting;
     waiting_.fetch_add(message.size(), std::memory_order_relaxed);
-    if (ring_.push(hostTime, message))
+    if (!isTooMuch && ring_.push(hostTime, message)) {
         sem_post(&messages_);
-    else
-        waiting_.fetch_sub(message.size(), std::memory_order_relaxed);
+        return;
+    }
+    waiting_.fetch_sub(message.size(), std::memory_order_relaxed);
+    if (!isExclusive) return;
+    overflown_ = message.size();
+    sem_post(&messages_); // the thread says it
 }
 
 void PacedSender::run() {
-    const auto buffer = std::make_unique_for_overwrite<std::uint8_t[]>(mostExclusive);
+    const auto buffer = std::make_unique_for_overwrite<std::uint8_t[]>(maxWaiting);
     std::size_t group = 0;
     for (;;) {
         while (sem_wait(&messages_) != 0)
             continue; // interrupted
         if (isClosing_) return;
+        if (const std::size_t size = overflown_.exchange(0); size != 0) reportDropped(size);
         const auto head = ring_.front();
         if (!head) continue;
         const std::span message(buffer.get(), head->length);
         ring_.copyFront(*head, message.data());
         ring_.pop(*head);
         if (message[0] == 0xF0) {
-            sendInPieces(head->time, message);
+            sendExclusive(head->time, message);
             group = 0;
         } else {
             send_(head->time, message);
@@ -82,15 +104,50 @@ void PacedSender::run() {
     }
 }
 
-void PacedSender::sendInPieces(std::uint64_t hostTime, std::span<const std::uint8_t> message) {
-    while (!message.empty()) {
+void PacedSender::sendExclusive(std::uint64_t hostTime, std::span<const std::uint8_t> message) {
+    const Clock::time_point deadline = Clock::time_point(std::chrono::nanoseconds(hostTime)) + maxDelay;
+    if (!fits(message.size(), deadline)) return reportDropped(message.size());
+    isDropping_ = false;
+    while (!message.empty() && !isClosing_) {
         const auto piece = message.first(std::min(message.size(), pieceSize));
-        std::this_thread::sleep_until(pace_.nextTime(piece.size()));
-        if (isClosing_) return;
-        pace_.sent(piece.size(), ExclusivePace::Clock::now());
+        awaitRoom(piece.size(), deadline);
+        pace_.sent(piece.size(), Clock::now());
         send_(hostTime, piece);
         message = message.subspan(piece.size());
     }
+}
+
+/// Whether so many bytes can be out by then.
+bool PacedSender::fits(std::size_t size, Clock::time_point deadline) {
+    const auto now = Clock::now();
+    if (now >= deadline) return false;
+    return std::ranges::all_of(subscribers_(), &Subscriber::tellsRoom) ||
+           pace_.nextTime(size, now) <= deadline;
+}
+
+void PacedSender::awaitRoom(std::size_t size, Clock::time_point deadline) {
+    const auto began = Clock::now();
+    for (auto now = began; now < deadline && !isClosing_; now = Clock::now()) {
+        bool isFull = false;
+        for (const Subscriber& subscriber : subscribers_()) {
+            if (!subscriber.tellsRoom) {
+                isFull |= pace_.nextTime(size, now) > now;
+            } else if (hasRoom(subscriber, size)) {
+                stalled_.erase(subscriber.client);
+            } else {
+                if (now - began >= stallTime) stalled_.insert(subscriber.client);
+                isFull |= !stalled_.contains(subscriber.client);
+            }
+        }
+        if (!isFull) return;
+        std::this_thread::sleep_for(roomInterval);
+    }
+}
+
+void PacedSender::reportDropped(std::size_t size) {
+    if (std::exchange(isDropping_, true)) return;
+    log_.line("[CoreMIDI] dropped a System Exclusive of " + std::to_string(size) +
+              " bytes, which would have held up other messages for more than a second");
 }
 
 } // namespace tessary

@@ -108,6 +108,10 @@ std::string DiscoveryProcess::reap() {
         continue;
     process_ = 0;
     if (WIFEXITED(status) && WEXITSTATUS(status) == exhaustedStatus) return "had no room for more records";
+    if (WIFEXITED(status) && WEXITSTATUS(status) == unstableDaemonStatus) {
+        responder_ = Responder::embedded;
+        return "has given up an Avahi daemon that keeps ending";
+    }
     if (WIFEXITED(status)) return "has ended with status " + std::to_string(WEXITSTATUS(status));
     return std::string("was ended by ") + strsignal(WTERMSIG(status));
 }

@@ -23,8 +23,10 @@ constexpr std::uint16_t protocolVersion = 1;
 /// The descriptor of the socket in the discovery process.
 constexpr int socketDescriptor = 3;
 
-/// The exit status of a discovery process that can find nothing new any more.
+/// Exit statuses of the discovery process: it can find nothing new any more; the daemon that it uses has gone
+/// twice within a minute, and the embedded responder would do better.
 constexpr int exhaustedStatus = 3;
+constexpr int unstableDaemonStatus = 4;
 
 /// A domain name has at most 1,014 bytes in its escaped form.
 constexpr std::size_t maxTextSize = 1014;
