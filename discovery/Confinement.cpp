@@ -91,21 +91,15 @@ scmp_arg_cmp hasBits(unsigned argument, scmp_datum_t mask, scmp_datum_t value) {
 bool loadFilter() {
     if (isSanitized) return true;
     Filter filter;
-    filter.allow({SCMP_SYS(brk),           SCMP_SYS(clock_getres),
-                  SCMP_SYS(clock_gettime), SCMP_SYS(clock_nanosleep),
-                  SCMP_SYS(close),         SCMP_SYS(exit),
-                  SCMP_SYS(exit_group),    SCMP_SYS(futex),
-                  SCMP_SYS(getegid),       SCMP_SYS(geteuid),
-                  SCMP_SYS(getgid),        SCMP_SYS(getpid),
-                  SCMP_SYS(getppid),       SCMP_SYS(getrandom),
-                  SCMP_SYS(gettid),        SCMP_SYS(gettimeofday),
-                  SCMP_SYS(getuid),        SCMP_SYS(madvise),
-                  SCMP_SYS(mremap),        SCMP_SYS(munmap),
-                  SCMP_SYS(nanosleep),     SCMP_SYS(restart_syscall),
-                  SCMP_SYS(rt_sigaction),  SCMP_SYS(rt_sigprocmask),
-                  SCMP_SYS(rt_sigreturn),  SCMP_SYS(sched_yield),
-                  SCMP_SYS(sysinfo),       SCMP_SYS(time),
-                  SCMP_SYS(uname)});
+    filter.allow(
+        {SCMP_SYS(brk),          SCMP_SYS(clock_getres),   SCMP_SYS(clock_gettime), SCMP_SYS(clock_nanosleep),
+         SCMP_SYS(close),        SCMP_SYS(exit),           SCMP_SYS(exit_group),    SCMP_SYS(futex),
+         SCMP_SYS(getegid),      SCMP_SYS(geteuid),        SCMP_SYS(getgid),        SCMP_SYS(getpid),
+         SCMP_SYS(getppid),      SCMP_SYS(getrandom),      SCMP_SYS(getresgid),     SCMP_SYS(getresuid),
+         SCMP_SYS(gettid),       SCMP_SYS(gettimeofday),   SCMP_SYS(getuid),        SCMP_SYS(madvise),
+         SCMP_SYS(mremap),       SCMP_SYS(munmap),         SCMP_SYS(nanosleep),     SCMP_SYS(restart_syscall),
+         SCMP_SYS(rt_sigaction), SCMP_SYS(rt_sigprocmask), SCMP_SYS(rt_sigreturn),  SCMP_SYS(sched_yield),
+         SCMP_SYS(sysinfo),      SCMP_SYS(time),           SCMP_SYS(uname)});
     // Files, for reading
     filter.allow({SCMP_SYS(access), SCMP_SYS(faccessat), SCMP_SYS(faccessat2), SCMP_SYS(fstat),
                   SCMP_SYS(lseek), SCMP_SYS(newfstatat), SCMP_SYS(pread64), SCMP_SYS(read), SCMP_SYS(readv),

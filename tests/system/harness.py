@@ -7,6 +7,7 @@ processes do, and those die with the test: nothing is left behind, whatever happ
 """
 import collections
 import ctypes
+import fcntl
 import json
 import os
 import pathlib
@@ -57,6 +58,8 @@ class Process:
         self.pid = self.popen.pid  # each program of the prefix becomes the next
         self._reader = None
         if stdout is None:
+            # Room for what it says while this reader does not run: some wait for room, others drop what they heard.
+            fcntl.fcntl(self.popen.stdout, fcntl.F_SETPIPE_SZ, 1 << 20)
             self._reader = threading.Thread(target=self._read, daemon=True)
             self._reader.start()
         test.processes.append(self)
@@ -281,7 +284,7 @@ class JackServer:
 class Receiver(Process):
     """A JACK client that is not ours. It is connected to the program's source, and hears its messages."""
 
-    OPTIONS = ()
+    COMMAND = ("jack_midi_dump",)
 
     def __init__(self, test, host):
         # jack_lsp takes no part in the server's cycles. Clients that do may stall a JACK server of this version
@@ -289,7 +292,7 @@ class Receiver(Process):
         def ports():
             return host.run("jack_lsp", check=False).stdout.splitlines()
         until(lambda: SOURCE in ports(), 10, "the source is there")
-        super().__init__(test, ["jack_midi_dump", *self.OPTIONS, "receiver"], host)
+        super().__init__(test, [*self.COMMAND, "receiver"], host)
         until(lambda: "receiver:input" in ports(), 10, "the receiver is there")
         # The server shows the port before the client is active.
         until(lambda: host.run("jack_connect", SOURCE, "receiver:input", check=False).returncode == 0, 10,

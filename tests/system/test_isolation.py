@@ -40,8 +40,8 @@ BEHAVIOURS = {
 
 
 class TimedReceiver(Receiver):
-    """Also tells when each message was played, in seconds of the server."""
-    OPTIONS = ("-a",)
+    """Also tells when each message was played, in seconds of the server. It drops what it has no time to print."""
+    COMMAND = ("chrt", "--fifo", "4", "jack_midi_dump", "-a")
 
     @property
     def times(self):

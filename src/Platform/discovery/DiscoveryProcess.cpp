@@ -121,7 +121,7 @@ std::string DiscoveryProcess::reap() {
 void DiscoveryProcess::send(const Request& request) {
     if (process_ == 0) return;
     encode(request, out_);
-    expectAnswer();
+    if (!answer_) ask();
     if (!retry_) after(retry_, 0ms, &DiscoveryProcess::flush); // one write for all that is sent in a turn
 }
 
@@ -133,8 +133,9 @@ void DiscoveryProcess::flush() {
         after(retry_, sendRetryDelay, &DiscoveryProcess::flush); // an error shows at the reading, too
 }
 
-void DiscoveryProcess::expectAnswer() {
-    if (answer_) return;
+/// Asks for a sign of life: not every request has an answer of its own.
+void DiscoveryProcess::ask() {
+    encode(Ping{}, out_);
     answer_ = loop_.at(Clock::now() + answerTimeout, [this] {
         answer_.reset();
         end("does not answer");
@@ -144,7 +145,9 @@ void DiscoveryProcess::expectAnswer() {
 void DiscoveryProcess::schedulePing() {
     received_ = 0;
     after(ping_, pingInterval, &DiscoveryProcess::schedulePing);
-    if (hasAnswered_) send(Ping{});
+    if (answer_ || !hasAnswered_) return;
+    ask();
+    flush();
 }
 
 void DiscoveryProcess::readable() {

@@ -50,7 +50,7 @@ class DiscoveryProcess final : private EventLoop::Reader {
     void readable() override;
     bool handle(const Report& report);
     void flush();
-    void expectAnswer();
+    void ask();
     void schedulePing();
     void end(const std::string& reason);
     std::string reap();
