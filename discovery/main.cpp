@@ -40,7 +40,7 @@ class Program {
 
   private:
     void read() {
-        std::array<std::uint8_t, 65'536> bytes;
+        std::array<std::uint8_t, 8'192> bytes;
         const ssize_t size = recv(socketDescriptor, bytes.data(), bytes.size(), MSG_DONTWAIT);
         if (size < 0 && (errno == EAGAIN || errno == EINTR)) return;
         if (size <= 0) return loop_.stop();

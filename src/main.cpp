@@ -18,7 +18,9 @@
 #include "Platform/xdg/AutostartEntry.h"
 
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <filesystem>
 #include <memory>
 #include <system_error>
@@ -30,7 +32,6 @@ namespace tessary {
 namespace {
 
 QtApplication* app = nullptr;
-std::shared_ptr<AppDelegate> delegate;
 
 /// Every music program sees the ALSA sequencer's ports, and bridges show them to JACK's programs too. Only
 /// one of the two, or each device would play twice.
@@ -69,9 +70,9 @@ int runApplication(char* programName) {
     const QtText text;
 
     app = &application;
-    delegate = std::make_shared<AppDelegate>(Platform{application, mainQueue, network, serviceDiscovery,
-                                                      *midiOutput, preferences, statusBar, loginService,
-                                                      clock, random, text, log});
+    auto delegate = std::make_shared<AppDelegate>(Platform{application, mainQueue, network, serviceDiscovery,
+                                                           *midiOutput, preferences, statusBar, loginService,
+                                                           clock, random, text, log});
     std::atexit([] {
         if (app) app->processIsExiting();
     });
@@ -98,5 +99,10 @@ int runApplication(char* programName) {
 } // namespace tessary
 
 int main(int, char** argv) {
-    return tessary::runApplication(argv[0]);
+    try {
+        return tessary::runApplication(argv[0]);
+    } catch (const std::exception& error) { // limits on threads, files or memory
+        std::fprintf(stderr, "tessary-link: cannot run: %s\n", error.what());
+        std::_Exit(EXIT_FAILURE);
+    }
 }

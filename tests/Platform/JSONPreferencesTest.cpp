@@ -101,6 +101,9 @@ TEST_F(JSONPreferencesTest, AFileThatIsNoObjectIsSetAsideAtTheNextWrite) {
     EXPECT_EQ(read(file.string() + ".unreadable"), "{\"a\": 1");
     EXPECT_EQ(read(file.string() + ".unreadable-2"), "[1]");
     EXPECT_EQ(read(file.string() + ".unreadable-3"), "");
+
+    write(R"({"a": 2})" + std::string(1 << 20, ' ')); // too large to be ours
+    EXPECT_EQ(JSONPreferences(file).number("a"), std::nullopt);
 }
 
 TEST_F(JSONPreferencesTest, ALinkStaysALink) {

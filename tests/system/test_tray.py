@@ -272,7 +272,13 @@ class Panels(TrayTest):
             self.desktop.bus.kill()
             self.panel.wait()
 
-        for happening in (panel_comes, panel_is_killed, bus_is_killed):
+        def bus_comes_back():
+            self.desktop.start_bus()
+            self.desktop.xfce_panel()
+            self.desktop.wait_for_item(20)
+            self.assertEqual(self.desktop.titles()[2], "● iPad")
+
+        for happening in (panel_comes, panel_is_killed, bus_is_killed, bus_comes_back):
             with self.subTest(happening.__name__):
                 self.assertPlaysOn(receiver, happening)
         program.terminate()

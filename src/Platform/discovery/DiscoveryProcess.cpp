@@ -151,7 +151,7 @@ void DiscoveryProcess::schedulePing() {
 }
 
 void DiscoveryProcess::readable() {
-    std::array<std::uint8_t, 65'536> bytes;
+    std::array<std::uint8_t, 8'192> bytes;
     const ssize_t size = recv(socket_.file(), bytes.data(), bytes.size(), MSG_DONTWAIT);
     if (size < 0 && (errno == EAGAIN || errno == EINTR)) return;
     if (size <= 0) return end({});

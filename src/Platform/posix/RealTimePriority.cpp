@@ -85,14 +85,11 @@ void RealTimePriority::ask() {
         if (!limitRealTimeRun()) stepDown(SIGXCPU);
         return;
     }
-    try {
-        startThread("tessary-rtkit", [thread = gettid()] {
-            askRealtimeKit(thread, priority, [](std::chrono::microseconds longest) {
-                return limitRealTimeRun(std::min<std::chrono::microseconds>(longest, longestRealTimeRun));
-            });
-        }).detach();
-    } catch (const std::system_error&) { // no more threads: then none
-    }
+    startDetachedThread("tessary-rtkit", [thread = gettid()] {
+        askRealtimeKit(thread, priority, [](std::chrono::microseconds longest) {
+            return limitRealTimeRun(std::min<std::chrono::microseconds>(longest, longestRealTimeRun));
+        });
+    });
 }
 
 void RealTimePriority::askAgain() {

@@ -67,11 +67,11 @@ void Display::ask(EventLoop& loop, std::function<void()> answered) {
     const auto await = platform.starts_with("xcb") && !variable("DISPLAY").empty() ? awaitX11
                        : platform.starts_with("wayland")                           ? awaitWayland
                                                                                    : nullptr;
-    if (!await) return answered();
-    startThread("tessary-display", [&loop, await, answered = std::move(answered)]() mutable {
-        await();
-        loop.post(std::move(answered));
-    }).detach();
+    const bool isAsked = await && startDetachedThread("tessary-display", [&loop, await, answered] {
+                             await();
+                             loop.post(answered);
+                         });
+    if (!isAsked) answered();
 }
 
 } // namespace tessary

@@ -21,6 +21,9 @@ QString text(std::string_view utf8) {
     return QString::fromUtf8(utf8.data(), static_cast<qsizetype>(utf8.size()));
 }
 
+/// The file is a few hundred bytes; a sparse one of a gigabyte would be a gigabyte in memory.
+constexpr qint64 maxFileSize = qint64{1} << 20;
+
 /// A folder, a pipe or a device: reading it may never end, and it is not ours to replace.
 bool isNoFile(const QString& path) {
     const QFileInfo info(path);
@@ -31,8 +34,8 @@ bool isNoFile(const QString& path) {
 std::optional<QJsonObject> load(const QString& path) {
     QFile file(path);
     if (!file.exists()) return QJsonObject{};
-    if (isNoFile(path) || !file.open(QIODevice::ReadOnly)) return std::nullopt;
-    const QJsonDocument document = QJsonDocument::fromJson(file.readAll());
+    if (isNoFile(path) || file.size() > maxFileSize || !file.open(QIODevice::ReadOnly)) return std::nullopt;
+    const QJsonDocument document = QJsonDocument::fromJson(file.read(maxFileSize));
     if (!document.isObject()) return std::nullopt;
     return document.object();
 }

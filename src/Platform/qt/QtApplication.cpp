@@ -9,6 +9,7 @@
 #include <array>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -25,6 +26,12 @@ constexpr auto displayTimeout = std::chrono::seconds(10);
 void endSoon() {
     signal(SIGALRM, [](int) { _exit(EXIT_SUCCESS); });
     alarm(3);
+}
+
+/// Qt gives up by abort() if it can load no platform plugin, as with too few files. The sessions end first.
+void exitOnFatalError(QtMsgType type, const QMessageLogContext& context, const QString& text) {
+    std::fprintf(stderr, "%s\n", qFormatLogMessage(type, context, text).toLocal8Bit().constData());
+    if (type == QtFatalMsg) std::exit(EXIT_FAILURE);
 }
 
 } // namespace
@@ -99,6 +106,7 @@ int QtApplication::run(Handlers handlers) {
         loop_.serveOne(-1);
     loop_.cancel(silence);
     if (!isTerminating_) {
+        qInstallMessageHandler(exitOnFatalError);
         qt_ = std::make_unique<Qt>(loop_, programName_);
         handlers_.displayAnswered();
         QCoreApplication::exec();

@@ -131,6 +131,7 @@ QMenu& QtMenu::makeView(MenuView::Writing writing) {
     QMenu& menu = view_->menu();
     QObject::connect(&menu, &QMenu::aboutToShow, &context_, [this] { willOpen(); });
     QObject::connect(&menu, &QMenu::aboutToHide, &context_, [this] { didClose(); });
+    isOpen_ = false; // it was a view on a bus that has ended
     needsUpdate();
     view_->show(items_);
     return menu;

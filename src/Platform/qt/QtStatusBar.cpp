@@ -48,7 +48,8 @@ class QtStatusItem : public StatusItem {
   private:
     void lookForHost() {
         if (isDisplayThere_ && isVisible_ && !host_)
-            host_ = std::make_unique<TrayHost>([this](TrayProtocol protocol) { appear(protocol); });
+            host_ = std::make_unique<TrayHost>([this](TrayProtocol protocol) { appear(protocol); },
+                                               [this] { tray_.reset(); });
     }
     void appear(TrayProtocol protocol) {
         const bool isWidget = protocol == TrayProtocol::xembed;

@@ -11,10 +11,10 @@ namespace tessary {
 
 namespace {
 
-/// The object that Qt has exported: it has a connection of its own, named after the process and a running
-/// number.
+/// The object that Qt has exported: it has a connection of its own, named after the process and a number that
+/// grows when the icon is made again.
 QObject* exportedItem() {
-    for (int number = 1; number <= 9; ++number) {
+    for (int number = 1; number <= 99; ++number) {
         const QDBusConnection bus(QStringLiteral("org.kde.StatusNotifierItem-%1-%2")
                                       .arg(QCoreApplication::applicationPid())
                                       .arg(number));

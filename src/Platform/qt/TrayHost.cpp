@@ -25,6 +25,8 @@ const QString watcherPath = QStringLiteral("/StatusNotifierWatcher");
 
 /// Desktops have started their panels by then.
 constexpr std::chrono::seconds patience{10};
+/// Until the next attempt to connect, to the successor of a session bus that has ended or with a thread more.
+constexpr std::chrono::seconds busRetryInterval{5};
 
 xcb_connection_t* displayConnection() {
     const auto* x11 = qGuiApp->nativeInterface<QNativeInterface::QX11Application>();
@@ -93,17 +95,12 @@ struct TrayHost::Connecting {
     std::optional<QDBusConnection> bus; ///< once it has answered, or has turned out not to be there
 };
 
-TrayHost::TrayHost(std::function<void(TrayProtocol)> found)
+TrayHost::TrayHost(std::function<void(TrayProtocol)> found, std::function<void()> lost)
     : found_(std::move(found))
+    , lost_(std::move(lost))
     , connecting_(std::make_shared<Connecting>()) {
     connecting_->host = this;
-    startThread("tessary-bus", [connecting = connecting_] {
-        const QDBusConnection bus = QDBusConnection::sessionBus();
-        const std::lock_guard lock(connecting->mutex);
-        connecting->bus = bus;
-        if (connecting->host)
-            QMetaObject::invokeMethod(connecting->host, "busHasAnswered", Qt::QueuedConnection);
-    }).detach();
+    connectToBus();
     QTimer::singleShot(patience, this, [this] {
         isPatienceOver_ = true;
         watchXEmbedPanels();
@@ -117,16 +114,43 @@ TrayHost::~TrayHost() {
     if (!connecting_->bus) on_exit([](int status, void*) { _exit(status); }, nullptr);
 }
 
+void TrayHost::connectToBus() {
+    {
+        const std::lock_guard lock(connecting_->mutex);
+        connecting_->bus.reset();
+    }
+    bus_.reset();
+    // Qt's own connection to the session bus is made once per process.
+    const QString name = endedBuses_ > 0 ? QStringLiteral("tray-%1").arg(endedBuses_) : QString();
+    const auto connect = [connecting = connecting_, name] {
+        QDBusConnection::disconnectFromBus(name); // an attempt that has failed
+        const QDBusConnection bus = name.isEmpty()
+                                        ? QDBusConnection::sessionBus()
+                                        : QDBusConnection::connectToBus(QDBusConnection::SessionBus, name);
+        const std::lock_guard lock(connecting->mutex);
+        connecting->bus = bus;
+        if (connecting->host)
+            QMetaObject::invokeMethod(connecting->host, "busHasAnswered", Qt::QueuedConnection);
+    };
+    if (!startDetachedThread("tessary-bus", connect))
+        QTimer::singleShot(busRetryInterval, this, &TrayHost::connectToBus);
+}
+
 void TrayHost::busHasAnswered() {
     if (isSettled_) return;
     {
         const std::lock_guard lock(connecting_->mutex);
         bus_ = connecting_->bus;
     }
+    if (!bus_->isConnected() && endedBuses_ > 0)
+        return QTimer::singleShot(busRetryInterval, this, &TrayHost::connectToBus);
     if (!bus_->isConnected()) {
         isPatienceOver_ = true; // nothing better will come
         return watchXEmbedPanels();
     }
+    bus_->connect({}, QStringLiteral("/org/freedesktop/DBus/Local"),
+                  QStringLiteral("org.freedesktop.DBus.Local"), QStringLiteral("Disconnected"), this,
+                  SLOT(busHasEnded()));
     watcher_.setConnection(*bus_);
     watcher_.addWatchedService(watcherService);
     watcher_.setWatchMode(QDBusServiceWatcher::WatchForRegistration);
@@ -135,6 +159,14 @@ void TrayHost::busHasAnswered() {
                   this, SLOT(askForStatusNotifierHost()));
     askForStatusNotifierHost();
     if (isPatienceOver_) QTimer::singleShot(std::chrono::seconds(1), this, &TrayHost::watchXEmbedPanels);
+}
+
+/// Qt chooses the protocol once per process: what has shown the icon over the bus never does without one.
+void TrayHost::busHasEnded() {
+    if (managers_ || (isSettled_ && isXEmbed_)) return;
+    ++endedBuses_;
+    if (std::exchange(isSettled_, false)) lost_();
+    connectToBus();
 }
 
 void TrayHost::askForStatusNotifierHost() {
@@ -168,6 +200,7 @@ void TrayHost::askForXEmbedPanel() {
 
 void TrayHost::settle(TrayProtocol protocol) {
     if (std::exchange(isSettled_, true)) return;
+    isXEmbed_ = protocol == TrayProtocol::xembed;
     managers_.reset();
     if (bus_)
         bus_->disconnect(watcherService, watcherPath, watcherService,

@@ -27,7 +27,7 @@ constexpr const char* tryExecKey = G_KEY_FILE_DESKTOP_KEY_TRY_EXEC;
 constexpr const char* switchKey = "X-GNOME-Autostart-enabled";
 
 /// An entry is a few hundred bytes; what is larger by far is none.
-constexpr off_t largestFile = off_t{1024} * 1024;
+constexpr off_t maxFileSize = off_t{1024} * 1024;
 
 LoginServiceError failure(const std::string& attempt, const fs::path& path, int number) {
     const std::string reason = std::generic_category().message(number);
@@ -104,7 +104,7 @@ Content read(const fs::path& path) {
     if (file.number() < 0 || fstat(file.number(), &about) != 0) return failed(errno);
     if (S_ISDIR(about.st_mode)) return failed(EISDIR);
     content.kind = Content::Kind::malformed;
-    if (!S_ISREG(about.st_mode) || about.st_size > largestFile) return content;
+    if (!S_ISREG(about.st_mode) || about.st_size > maxFileSize) return content;
 
     std::string bytes(static_cast<std::size_t>(about.st_size), '\0');
     const ssize_t length = ::read(file.number(), bytes.data(), bytes.size());
