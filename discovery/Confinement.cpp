@@ -1,6 +1,7 @@
 #include "Confinement.h"
 
 #include "Platform/discovery/Messages.h"
+#include "Platform/posix/Sanitizers.h"
 
 #include <array>
 #include <cerrno>
@@ -20,19 +21,6 @@
 namespace tessary::discovery {
 
 namespace {
-
-// A sanitizer's runtime maps terabytes and makes system calls of its own.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool isSanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
-constexpr bool isSanitized = true;
-#else
-constexpr bool isSanitized = false;
-#endif
-#else
-constexpr bool isSanitized = false;
-#endif
 
 /// However busy the network keeps this process, whatever plays comes first.
 constexpr int niceness = 10;

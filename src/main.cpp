@@ -8,6 +8,7 @@
 #include "Platform/jack/JackOutput.h"
 #include "Platform/posix/InstanceLock.h"
 #include "Platform/posix/OpenFileLimit.h"
+#include "Platform/posix/Sanitizers.h"
 #include "Platform/posix/StandardOutputLog.h"
 #include "Platform/posix/SystemClock.h"
 #include "Platform/posix/SystemRandom.h"
@@ -41,7 +42,9 @@ std::unique_ptr<MIDIOutput> makeMIDIOutput(Log& log) {
 }
 
 int runApplication(char* programName) {
-    signal(SIGPIPE, SIG_IGN); // a reader of our output that leaves is no reason to stop playing
+    // Output that leads nowhere, or to a full file, is no reason to stop playing.
+    signal(SIGPIPE, SIG_IGN);
+    signal(SIGXFSZ, SIG_IGN);
     raiseOpenFileLimit();
     const std::string preferencesPath = JSONPreferences::defaultPath();
     const InstanceLock lock(
@@ -53,8 +56,8 @@ int runApplication(char* programName) {
 
     static EventLoop& mainLoop =
         *new EventLoop; // never destroyed: a thread that asks a silent display may be left
-    QtApplication application(mainLoop,
-                              programName); // takes the signals, so it comes before every thread of ours
+    // Takes the signals, so it comes before every thread of ours.
+    auto application = std::make_unique<QtApplication>(mainLoop, programName);
     StandardOutputLog log(STDOUT_FILENO);
     LoopQueue mainQueue(mainLoop, TimerAlignment::wholeSeconds);
     EpollNetwork network({RTPMIDISession::controlLocalPort, RTPMIDISession::dataLocalPort},
@@ -69,8 +72,8 @@ int runApplication(char* programName) {
     SystemRandom random;
     const QtText text;
 
-    app = &application;
-    auto delegate = std::make_shared<AppDelegate>(Platform{application, mainQueue, network, serviceDiscovery,
+    app = application.get();
+    auto delegate = std::make_shared<AppDelegate>(Platform{*application, mainQueue, network, serviceDiscovery,
                                                            *midiOutput, preferences, statusBar, loginService,
                                                            clock, random, text, log});
     std::atexit([] {
@@ -80,7 +83,7 @@ int runApplication(char* programName) {
     delegate->applicationDidFinishLaunching();
     const std::vector<Observation> menuContent =
         delegate->observeMenuContent([&] { statusBar.menuContentDidChange(); });
-    const int status = application.run(
+    const int status = application->run(
         {.displayAnswered = [&] { statusBar.displayAnswered(); },
          .displayIsSilent =
              [&] { log.line("[StatusItem] the display does not answer; the icon appears once it does"); },
@@ -91,6 +94,8 @@ int runApplication(char* programName) {
              }});
     delegate.reset();
     app = nullptr;
+    // Qt's own end would read all fonts, and wait for a bus that does not answer.
+    if (!isSanitized) static_cast<void>(application.release());
     return status;
 }
 
@@ -100,7 +105,9 @@ int runApplication(char* programName) {
 
 int main(int, char** argv) {
     try {
-        return tessary::runApplication(argv[0]);
+        const int status = tessary::runApplication(argv[0]);
+        if (!tessary::isSanitized) _exit(status);
+        return status;
     } catch (const std::exception& error) { // limits on threads, files or memory
         std::fprintf(stderr, "tessary-link: cannot run: %s\n", error.what());
         std::_Exit(EXIT_FAILURE);

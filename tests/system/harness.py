@@ -24,7 +24,9 @@ import unittest
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = (ROOT / os.environ.get("TESSARY_BUILD_DIR", "build/release")).resolve()
 PROGRAM = BUILD / "tessary-link"
+DISCOVERY = BUILD / "tessary-discovery"
 DEVICE = BUILD / "tools/tessary-device/tessary-device"
+IS_SANITIZED = "TESSARY_SANITIZE:STRING=\n" not in (BUILD / "CMakeCache.txt").read_text()
 CONTROL_PORT, DATA_PORT = 51204, 51205
 
 SOURCE = "Tessary Link:Tessary Link"
@@ -235,11 +237,12 @@ class SystemTest(unittest.TestCase):
 class Program(Process):
     """The program under test. Its preferences live in `config`."""
 
-    def __init__(self, test, host, config=None, stdout=None, variables=None, executable=PROGRAM):
+    def __init__(self, test, host, config=None, stdout=None, variables=None, executable=PROGRAM,
+                 limits=()):
         self.config = config or pathlib.Path(tempfile.mkdtemp(dir=test.directory))
         env = environment(**{"XDG_CONFIG_HOME": str(self.config), "HOME": str(self.config)} | (variables or {}))
         self._test = test
-        super().__init__(test, [executable], host, env, stdout)
+        super().__init__(test, ["prlimit", *limits, executable] if limits else [executable], host, env, stdout)
 
     @property
     def preferences(self):

@@ -10,7 +10,7 @@ import unittest
 
 import mdns
 import test_daemon
-from harness import DEVICE, PROGRAM, JackServer, Process, Program, Receiver, SystemTest, until
+from harness import DEVICE, DISCOVERY, IS_SANITIZED, PROGRAM, JackServer, Process, Program, Receiver, SystemTest, until
 
 SECONDS = float(os.environ.get("TESSARY_ISOLATION_SECONDS", "15"))  # of being killed again and again
 RATE = 48_000
@@ -149,7 +149,7 @@ class Isolation(SystemTest):
         stopped = self.discovery()
         os.kill(stopped, signal.SIGSTOP)
         until(lambda: children(self.program.pid) not in ([], [stopped]), 65, "the stopped process is replaced")
-        confined = "NoNewPrivs:\t1" if os.environ.get("TSAN_OPTIONS") else "NoNewPrivs:\t1\nSeccomp:\t2"
+        confined = "NoNewPrivs:\t1" if IS_SANITIZED else "NoNewPrivs:\t1\nSeccomp:\t2"
         until(lambda: confined in pathlib.Path(f"/proc/{self.discovery()}/status").read_text(), 5, "it is confined")
 
         left = self.discovery()
@@ -175,14 +175,13 @@ class Isolation(SystemTest):
         self.assertEqual(self.program.times("1.2 (gone|failed)"), [])
 
     def test_a_partner_that_goes_wrong(self):
-        discovery = PROGRAM.with_name("tessary-discovery")
         for name, behaviour in BEHAVIOURS.items():
             with self.subTest(name):
                 folder = self.directory / name.replace(" ", "-")
                 folder.mkdir()
                 shutil.copy(PROGRAM, folder)
-                partner = folder / discovery.name
-                partner.write_text(PARTNER.format(discovery=str(discovery), behaviour=behaviour))
+                partner = folder / DISCOVERY.name
+                partner.write_text(PARTNER.format(discovery=str(DISCOVERY), behaviour=behaviour))
                 partner.chmod(0o755)
                 program = Program(self, self.desk, executable=folder / PROGRAM.name)
                 device = self.device(self.stage, "--name", "Piano", "--play", "nothing")

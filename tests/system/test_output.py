@@ -1,11 +1,12 @@
-"""Where the program's output goes: the reader of its log and the MIDI system may stall, leave, or never come."""
+"""Where the program's output goes: the reader of its log and the MIDI system may stall, leave, or never come, and the
+system may give it little."""
 import fcntl
 import os
 import select
 import signal
 import unittest
 
-from harness import JackServer, Program, SystemTest
+from harness import IS_SANITIZED, JackServer, Program, SystemTest
 
 
 class Output(SystemTest):
@@ -49,6 +50,18 @@ class Output(SystemTest):
         os.set_blocking(reader, False)
         log = os.read(reader, 1 << 16).decode()
         self.assertTrue(all(line.startswith("[") for line in log.splitlines()), log)
+
+    def test_small_limits(self):
+        for limit in ("--nofile=8", "--nofile=14"):
+            program = Program(self, self.desk, limits=(limit,))
+            self.assertEqual(program.wait(), 1, limit)
+            self.assertRegex(program.report(), "(cannot run: .+|no Qt platform plugin could be initialized.*)", limit)
+            program.popen.returncode = 0
+        device = self.device(self.stage, "--name", "Piano", "--play", "nothing")
+        program = Program(self, self.desk, limits=("--fsize=0", *([] if IS_SANITIZED else ["--stack=65536"])))
+        program.wait_for("running$")
+        program.terminate()
+        device.wait_for(r"bye from .*\(data\)")
 
     def test_no_midi_system(self):
         program = Program(self, self.desk)

@@ -1,5 +1,6 @@
 #include "Platform/qt/TrayHost.h"
 
+#include "Platform/posix/OpenFile.h"
 #include "Platform/posix/Thread.h"
 
 #include <QAbstractNativeEventFilter>
@@ -8,10 +9,13 @@
 #include <QDBusPendingReply>
 #include <QGuiApplication>
 #include <QTimer>
+#include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdlib>
 #include <mutex>
 #include <string>
+#include <sys/eventfd.h>
 #include <unistd.h>
 #include <utility>
 #include <xcb/xcb.h>
@@ -25,8 +29,9 @@ const QString watcherPath = QStringLiteral("/StatusNotifierWatcher");
 
 /// Desktops have started their panels by then.
 constexpr std::chrono::seconds patience{10};
-/// Until the next attempt to connect, to the successor of a session bus that has ended or with a thread more.
-constexpr std::chrono::seconds busRetryInterval{5};
+/// Until the next attempt: to connect to the successor of a session bus that has ended, or when there was no
+/// room for a thread or files.
+constexpr std::chrono::seconds retryInterval{5};
 
 xcb_connection_t* displayConnection() {
     const auto* x11 = qGuiApp->nativeInterface<QNativeInterface::QX11Application>();
@@ -57,6 +62,15 @@ bool hasOwner(xcb_connection_t* connection, xcb_atom_t selection) {
     const bool result = reply && reply->owner != XCB_WINDOW_NONE;
     std::free(reply);
     return result;
+}
+
+/// Whether Qt can open the connection to the bus that an icon has of its own: it tries once.
+bool hasRoomForFiles() {
+    std::array<OpenFile, 4> files;
+    return std::ranges::all_of(files, [](OpenFile& file) {
+        file = OpenFile(eventfd(0, EFD_CLOEXEC));
+        return bool(file);
+    });
 }
 
 } // namespace
@@ -133,7 +147,7 @@ void TrayHost::connectToBus() {
             QMetaObject::invokeMethod(connecting->host, "busHasAnswered", Qt::QueuedConnection);
     };
     if (!startDetachedThread("tessary-bus", connect))
-        QTimer::singleShot(busRetryInterval, this, &TrayHost::connectToBus);
+        QTimer::singleShot(retryInterval, this, &TrayHost::connectToBus);
 }
 
 void TrayHost::busHasAnswered() {
@@ -143,7 +157,7 @@ void TrayHost::busHasAnswered() {
         bus_ = connecting_->bus;
     }
     if (!bus_->isConnected() && endedBuses_ > 0)
-        return QTimer::singleShot(busRetryInterval, this, &TrayHost::connectToBus);
+        return QTimer::singleShot(retryInterval, this, &TrayHost::connectToBus);
     if (!bus_->isConnected()) {
         isPatienceOver_ = true; // nothing better will come
         return watchXEmbedPanels();
@@ -199,7 +213,10 @@ void TrayHost::askForXEmbedPanel() {
 }
 
 void TrayHost::settle(TrayProtocol protocol) {
-    if (std::exchange(isSettled_, true)) return;
+    if (isSettled_) return;
+    if (!hasRoomForFiles())
+        return QTimer::singleShot(retryInterval, this, [this, protocol] { settle(protocol); });
+    isSettled_ = true;
     isXEmbed_ = protocol == TrayProtocol::xembed;
     managers_.reset();
     if (bus_)
