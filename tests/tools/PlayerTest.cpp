@@ -94,16 +94,6 @@ TEST(RTPMIDIWriterTest, HeaderAndListOfOneDatagram) {
     EXPECT_TRUE(written(writer, {{}}).empty());
 }
 
-TEST(RTPMIDIWriterTest, ListsAboveFifteenBytesHaveTheLongHeader) {
-    RTPMIDIWriter writer(1, 1);
-    const auto start = [&](std::size_t size) {
-        return hex(std::span(written(writer, {messageAt(Play::sysex, 0, size)}).at(0)).subspan(12, 3));
-    };
-    EXPECT_EQ(start(15), "0F F0 7D");
-    EXPECT_EQ(start(16), "80 10 F0");
-    EXPECT_EQ(start(longestList), "84 B0 F0");
-}
-
 TEST(RTPMIDIWriterTest, MessagesThatDoNotFitGoOnInTheNextList) {
     RTPMIDIWriter writer(1, 1);
     const auto datagrams =

@@ -67,6 +67,8 @@ class DiscoveryClient::Directory {
         std::set<Result> seen{};
         std::set<Result> kept{}; // seen before a restart, until the set is complete again
         std::set<std::string> reported{};
+        std::set<std::string> renewed{}; // to be reported as gone, and then as new
+        bool isReportDue = false;
     };
     struct ServiceState {
         ServiceName name;
@@ -92,7 +94,8 @@ class DiscoveryClient::Directory {
     bool handle(const Unresolved& report);
 
     void restart(BrowseState& browse);
-    void report(BrowseState& browse, const std::string& without = {});
+    void reportSoon(BrowseState& browse);
+    void report(BrowseState& browse);
     bool isListed(const std::string& type, const std::string& name) const;
     void ask(const Services::value_type& service);
     void renew(const ServiceState& service);
@@ -209,9 +212,9 @@ bool DiscoveryClient::Directory::handle(const Unlisted& report) {
     return true;
 }
 
-bool DiscoveryClient::Directory::handle(const Changed& changed) {
-    const auto found = browses_.find(changed.browse);
-    if (found != browses_.end()) report(found->second);
+bool DiscoveryClient::Directory::handle(const Changed& report) {
+    const auto found = browses_.find(report.browse);
+    if (found != browses_.end()) reportSoon(found->second);
     return true;
 }
 
@@ -222,14 +225,13 @@ bool DiscoveryClient::Directory::handle(const Restarted& report) {
 }
 
 void DiscoveryClient::Directory::restart(BrowseState& browse) {
-    browse.kept.insert(browse.seen.begin(), browse.seen.end());
-    browse.seen.clear();
+    for (const Result& result : std::exchange(browse.seen, {}))
+        if (browse.kept.size() < maxListed) browse.kept.insert(result);
 }
 
-bool DiscoveryClient::Directory::handle(const Complete& complete) {
-    const auto found = browses_.find(complete.browse);
-    if (found == browses_.end() || std::exchange(found->second.kept, {}).empty()) return true;
-    report(found->second);
+bool DiscoveryClient::Directory::handle(const Complete& report) {
+    const auto found = browses_.find(report.browse);
+    if (found != browses_.end() && !std::exchange(found->second.kept, {}).empty()) reportSoon(found->second);
     return true;
 }
 
@@ -243,8 +245,21 @@ bool DiscoveryClient::Directory::handle(const BrowseFailed& report) {
     return true;
 }
 
-/// Reports the full set; before that a set without one of the names, if that one is to be resolved again.
-void DiscoveryClient::Directory::report(BrowseState& browse, const std::string& without) {
+/// One report for all that changes until it runs: sets are large, and changes may come by the thousand.
+void DiscoveryClient::Directory::reportSoon(BrowseState& browse) {
+    if (std::exchange(browse.isReportDue, true)) return;
+    browse.queue->post([this, weak = std::weak_ptr(browse.handlers)] {
+        const auto handlers = weak.lock(); // of a browser, which keeps this directory
+        if (!handlers) return;
+        const auto found = std::ranges::find_if(
+            browses_, [&](const auto& entry) { return entry.second.handlers == handlers; });
+        found->second.isReportDue = false;
+        report(found->second);
+    });
+}
+
+/// Reports the full set; before that a set without the names that are to be resolved again.
+void DiscoveryClient::Directory::report(BrowseState& browse) {
     std::set<Result> visible = browse.kept;
     visible.insert(browse.seen.begin(), browse.seen.end());
     const auto before = std::exchange(browse.reported, {});
@@ -259,9 +274,9 @@ void DiscoveryClient::Directory::report(BrowseState& browse, const std::string& 
             if (handlers && handlers->resultsChanged) handlers->resultsChanged(set);
         });
     };
-    if (!without.empty()) {
+    if (const auto renewed = std::exchange(browse.renewed, {}); !renewed.empty()) {
         auto rest = results;
-        std::erase_if(rest, [&](const BrowseResult& result) { return result.name == without; });
+        std::erase_if(rest, [&](const BrowseResult& result) { return renewed.contains(result.name); });
         post(std::move(rest));
     }
     post(std::move(results));
@@ -340,8 +355,11 @@ bool DiscoveryClient::Directory::handle(const Unresolved& report) {
 /// The service has moved, or has come after all: its name is reported as gone, and then as new.
 void DiscoveryClient::Directory::renew(const ServiceState& service) {
     const auto& [type, name, domain] = service.name;
-    for (auto& [number, browse] : browses_)
-        if (browse.type == type && browse.reported.contains(name)) report(browse, name);
+    for (auto& [number, browse] : browses_) {
+        if (browse.type != type || !browse.reported.contains(name)) continue;
+        browse.renewed.insert(name);
+        reportSoon(browse);
+    }
 }
 
 /// A service is watched for as long as it is listed.
