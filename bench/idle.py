@@ -67,7 +67,7 @@ class Idle(SystemTest):
         self.device(stage, "--play", "nothing")
         program.wait_for(" running$")
         row = self.measure("1, in Xfce's panel", program, 1)
-        self.assertLessEqual(row["resident, MiB"], 30)
+        self.assertLessEqual(row["resident, MiB"], 33)
         self.assertLessEqual(row["wake-ups a second"], 4)
         self.assertLess(row["% of a core"], 0.2)
 

@@ -7,8 +7,14 @@ Usage = collections.namedtuple("Usage", "seconds wakeups resident anonymous")
 
 
 def usage(pid):
-    """Seconds of processor time, voluntary switches of each thread by name, KiB that are resident and those of
-    them that belong to no file."""
+    """Of a process and its children: seconds of processor time, voluntary switches of each thread by name, KiB that
+    are resident and those of them that belong to no file."""
+    children = pathlib.Path(f"/proc/{pid}/task/{pid}/children").read_text().split()
+    seconds, wakeups, resident, anonymous = zip(*(usage_alone(process) for process in (pid, *children)))
+    return Usage(sum(seconds), sum(wakeups, collections.Counter()), sum(resident), sum(anonymous))
+
+
+def usage_alone(pid):
     process = pathlib.Path(f"/proc/{pid}")
     fields = (process / "stat").read_text().rsplit(")", 1)[1].split()
     wakeups = collections.Counter()

@@ -11,6 +11,7 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -26,6 +27,10 @@ namespace tessary::discovery {
 
 namespace {
 
+/// The cache is full after 16,384 records, of which the largest datagrams carry a few hundred each.
+constexpr unsigned manyDatagrams = 32;
+constexpr auto exhaustionDelay = std::chrono::seconds(5);
+
 /// The other end of the socket.
 class Program {
   public:
@@ -36,6 +41,11 @@ class Program {
             static_cast<Program*>(self)->read();
         };
         loop.poll()->watch_new(loop.poll(), socketDescriptor, AVAHI_WATCH_IN, readable, this);
+    }
+
+    /// A datagram has come from the network. Many of them may have filled the cache.
+    void noteDatagram() {
+        if (++datagrams_ == manyDatagrams) loop_.after(exhaustionDelay, [this] { endIfExhausted(); });
     }
 
   private:
@@ -67,10 +77,12 @@ class Program {
     void handle(const EndResolve& request) {
         if (engine_) engine_->endResolve(request.resolution);
     }
-    void handle(const Ping&) {
-        if (engine_ && engine_->isExhausted())
-            std::_Exit(exhaustedStatus); // a new process has an empty cache
-        send(Pong{});
+    void handle(const Ping&) { send(Pong{}); }
+
+    /// A new process has an empty cache.
+    void endIfExhausted() {
+        datagrams_ = 0;
+        if (engine_ && engine_->isExhausted()) std::_Exit(exhaustedStatus);
     }
 
     /// One write carries all the reports of a turn of the loop.
@@ -94,7 +106,10 @@ class Program {
     MessageReader<Request> requests_;
     std::vector<std::uint8_t> out_;
     std::optional<Engine> engine_;
+    unsigned datagrams_ = 0; ///< since the cache was last looked at
 };
+
+Program* program = nullptr;
 
 bool isStartedByProgram() {
     int type = 0;
@@ -118,9 +133,11 @@ void closeOthers() {
 /// gives no other way to look at them first.
 extern "C" ssize_t recvmsg(int socket, msghdr* message, int flags) {
     const ssize_t size = syscall(SYS_recvmsg, socket, message, flags);
-    if (size > 0 && message->msg_name && message->msg_iovlen == 1) // a datagram, from somebody
+    if (size > 0 && message->msg_name && message->msg_iovlen == 1) { // a datagram from the network
         tessary::discovery::hideAliases(
             {static_cast<std::uint8_t*>(message->msg_iov[0].iov_base), static_cast<std::size_t>(size)});
+        if (tessary::discovery::program) tessary::discovery::program->noteDatagram();
+    }
     return size;
 }
 
@@ -133,7 +150,8 @@ int main() {
     closeOthers();
     try {
         Loop loop;
-        const Program program(loop, confine());
+        Program onlyProgram(loop, confine());
+        program = &onlyProgram;
         loop.run();
     } catch (const std::exception&) {
         return EXIT_FAILURE;

@@ -20,7 +20,7 @@ using namespace std::chrono_literals;
 
 constexpr auto answerTimeout = 10s;
 /// A process that hangs is noticed even if nothing is asked of it.
-constexpr auto pingInterval = 20s;
+constexpr auto pingInterval = 60s;
 constexpr auto maxRestartDelay = 30s;
 /// A process that has run for so long is restarted at once.
 constexpr auto quietTime = 60s;
