@@ -88,13 +88,8 @@ bool loadFilter() {
          SCMP_SYS(mremap),       SCMP_SYS(munmap),         SCMP_SYS(nanosleep),     SCMP_SYS(restart_syscall),
          SCMP_SYS(rt_sigaction), SCMP_SYS(rt_sigprocmask), SCMP_SYS(rt_sigreturn),  SCMP_SYS(sched_yield),
          SCMP_SYS(sysinfo),      SCMP_SYS(time),           SCMP_SYS(uname)});
-    // Files, for reading
-    filter.allow({SCMP_SYS(access), SCMP_SYS(faccessat), SCMP_SYS(faccessat2), SCMP_SYS(fstat),
-                  SCMP_SYS(lseek), SCMP_SYS(newfstatat), SCMP_SYS(pread64), SCMP_SYS(read), SCMP_SYS(readv),
-                  SCMP_SYS(stat), SCMP_SYS(statx)});
-    constexpr scmp_datum_t writing = O_ACCMODE | O_CREAT | O_TRUNC | (O_TMPFILE & ~O_DIRECTORY);
-    filter.allowWith(SCMP_SYS(open), {hasBits(1, writing, O_RDONLY)});
-    filter.allowWith(SCMP_SYS(openat), {hasBits(2, writing, O_RDONLY)});
+    // What is open
+    filter.allow({SCMP_SYS(fstat), SCMP_SYS(read), SCMP_SYS(readv), SCMP_SYS(write), SCMP_SYS(writev)});
     for (const scmp_datum_t command : {F_GETFD, F_SETFD, F_GETFL, F_SETFL})
         filter.allowWith(SCMP_SYS(fcntl), {isEqual(1, command)});
     // Sockets: mDNS, the machine's interfaces, the system bus
@@ -105,8 +100,7 @@ bool loadFilter() {
         filter.allowWith(SCMP_SYS(socket), {isEqual(0, AF_NETLINK), hasBits(1, 0xf, type)});
     filter.allow({SCMP_SYS(bind), SCMP_SYS(connect), SCMP_SYS(getpeername), SCMP_SYS(getsockname),
                   SCMP_SYS(getsockopt), SCMP_SYS(recvfrom), SCMP_SYS(recvmsg), SCMP_SYS(sendmsg),
-                  SCMP_SYS(sendto), SCMP_SYS(setsockopt), SCMP_SYS(shutdown), SCMP_SYS(write),
-                  SCMP_SYS(writev)});
+                  SCMP_SYS(sendto), SCMP_SYS(setsockopt), SCMP_SYS(shutdown)});
     for (const scmp_datum_t request : {FIONREAD, SIOCGIFNAME, SIOCGIFINDEX, SIOCGIFADDR, SIOCGIFFLAGS})
         filter.allowWith(SCMP_SYS(ioctl), {isEqual(1, request)});
     // Waiting
