@@ -10,7 +10,7 @@ import unittest
 
 import mdns
 import test_daemon
-from harness import DEVICE, DISCOVERY, IS_SANITIZED, PROGRAM, JackServer, Process, Program, Receiver, SystemTest, until
+from harness import DEVICE, DISCOVERY, PROGRAM, JackServer, Process, Program, Receiver, SystemTest, until
 
 SECONDS = float(os.environ.get("TESSARY_ISOLATION_SECONDS", "15"))  # of being killed again and again
 RATE = 48_000
@@ -80,14 +80,14 @@ class Isolation(SystemTest):
         Process(self, [*prefix, DEVICE, "--name", "Piano", "--rate", 1000, "--messages", notes], self.stage)
         self.receiver.wait_for_messages(100)
 
-    def assertPlayedOn(self):
+    def assertPlayedOn(self, maxDelay=0.005):
         self.receiver.wait_for_messages(self.notes, 20 + self.notes / 1000)
         self.assertNotes(self.receiver, self.notes)
         self.assertEqual(self.program.times("Piano.*failed|gone|1.2 failed"), [])
         delays = sorted(moment - number / 1000 for number, moment in enumerate(self.receiver.times))
         late = delays[int(0.99 * len(delays))] - delays[len(delays) // 2]
         print(f"\nnotes: 99 % within {late * 1000:.2f} ms of the median delay", flush=True)
-        self.assertLess(late, 0.005)
+        self.assertLess(late, maxDelay)
 
     def assertFound(self, name, address, began, timeout):
         self.program.wait_for(rf"^.Dialer. {address} running$", timeout + began - time.monotonic())
@@ -144,12 +144,17 @@ class Isolation(SystemTest):
         organ = organ or self.device(self.later, "--name", "Organ", "--play", "nothing")
         print(f"\n{kills} processes killed")
         self.assertFound("the last device", "10.77.1.4", time.monotonic(), 5)
-        self.assertPlayedOn()
+        self.assertPlayedOn(maxDelay=0.1)  # the starting of processes takes the processor from what has no priority
 
+        # Stopped before it has answered its first request, so that ten seconds are enough to notice; else 70 are.
+        killed = self.discovery()
+        os.kill(killed, signal.SIGKILL)
+        while children(self.program.pid) in ([], [killed]):
+            pass
         stopped = self.discovery()
         os.kill(stopped, signal.SIGSTOP)
-        until(lambda: children(self.program.pid) not in ([], [stopped]), 65, "the stopped process is replaced")
-        confined = "NoNewPrivs:\t1" if IS_SANITIZED else "NoNewPrivs:\t1\nSeccomp:\t2"
+        until(lambda: children(self.program.pid) not in ([], [stopped]), 75, "the stopped process is replaced")
+        confined = "NoNewPrivs:\t1\nSeccomp:\t2"
         until(lambda: confined in pathlib.Path(f"/proc/{self.discovery()}/status").read_text(), 5, "it is confined")
 
         left = self.discovery()
@@ -186,7 +191,7 @@ class Isolation(SystemTest):
                 program = Program(self, self.desk, executable=folder / PROGRAM.name)
                 device = self.device(self.stage, "--name", "Piano", "--play", "nothing")
                 program.wait_for("^.Dialer. 10.77.1.2 running$")
-                program.wait_for("discovery process", 45)
+                program.wait_for("discovery process", 75)  # which asks once a minute
                 program.terminate()
                 self.assertEqual(program.times("gone|1.2 failed"), [])
                 device.wait_for(r"bye from .*\(data\)")
