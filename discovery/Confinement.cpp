@@ -41,6 +41,15 @@ bool setLimits() {
     return isSet;
 }
 
+scmp_arg_cmp isEqual(unsigned argument, scmp_datum_t value) {
+    return {.arg = argument, .op = SCMP_CMP_EQ, .datum_a = value, .datum_b = 0};
+}
+
+/// Of the bits in `mask` only those of `value` are set.
+scmp_arg_cmp hasBits(unsigned argument, scmp_datum_t mask, scmp_datum_t value) {
+    return {.arg = argument, .op = SCMP_CMP_MASKED_EQ, .datum_a = mask, .datum_b = value};
+}
+
 /// The filter of system calls that is being made.
 class Filter {
   public:
@@ -53,6 +62,11 @@ class Filter {
             add(call, {});
     }
     void allowWith(int call, std::initializer_list<scmp_arg_cmp> conditions) { add(call, conditions); }
+    /// Only if the argument has one of these values.
+    void allowWith(int call, unsigned argument, std::initializer_list<int> values) {
+        for (const int value : values)
+            add(call, {isEqual(argument, static_cast<scmp_datum_t>(value))});
+    }
 
     bool load() const { return isComplete_ && seccomp_load(context_.get()) == 0; }
 
@@ -66,15 +80,6 @@ class Filter {
     const std::unique_ptr<void, void (*)(scmp_filter_ctx)> context_;
     bool isComplete_;
 };
-
-scmp_arg_cmp isEqual(unsigned argument, scmp_datum_t value) {
-    return {.arg = argument, .op = SCMP_CMP_EQ, .datum_a = value, .datum_b = 0};
-}
-
-/// Of the bits in `mask` only those of `value` are set.
-scmp_arg_cmp hasBits(unsigned argument, scmp_datum_t mask, scmp_datum_t value) {
-    return {.arg = argument, .op = SCMP_CMP_MASKED_EQ, .datum_a = mask, .datum_b = value};
-}
 
 bool loadFilter() {
     if (isSanitized) return true;
@@ -90,19 +95,17 @@ bool loadFilter() {
          SCMP_SYS(sysinfo),      SCMP_SYS(time),           SCMP_SYS(uname)});
     // What is open
     filter.allow({SCMP_SYS(fstat), SCMP_SYS(read), SCMP_SYS(readv), SCMP_SYS(write), SCMP_SYS(writev)});
-    for (const scmp_datum_t command : {F_GETFD, F_SETFD, F_GETFL, F_SETFL})
-        filter.allowWith(SCMP_SYS(fcntl), {isEqual(1, command)});
+    filter.allowWith(SCMP_SYS(fcntl), 1, {F_GETFD, F_SETFD, F_GETFL, F_SETFL});
     // Sockets: mDNS, the machine's interfaces, the system bus
     filter.allowWith(SCMP_SYS(socket), {isEqual(0, AF_UNIX), hasBits(1, 0xf, SOCK_STREAM)});
-    for (const scmp_datum_t family : {AF_INET, AF_INET6})
-        filter.allowWith(SCMP_SYS(socket), {isEqual(0, family), hasBits(1, 0xf, SOCK_DGRAM)});
-    for (const scmp_datum_t type : {SOCK_DGRAM, SOCK_RAW})
-        filter.allowWith(SCMP_SYS(socket), {isEqual(0, AF_NETLINK), hasBits(1, 0xf, type)});
+    filter.allowWith(SCMP_SYS(socket), {isEqual(0, AF_INET), hasBits(1, 0xf, SOCK_DGRAM)});
+    filter.allowWith(SCMP_SYS(socket), {isEqual(0, AF_INET6), hasBits(1, 0xf, SOCK_DGRAM)});
+    filter.allowWith(SCMP_SYS(socket), {isEqual(0, AF_NETLINK), hasBits(1, 0xf, SOCK_DGRAM)});
+    filter.allowWith(SCMP_SYS(socket), {isEqual(0, AF_NETLINK), hasBits(1, 0xf, SOCK_RAW)});
     filter.allow({SCMP_SYS(bind), SCMP_SYS(connect), SCMP_SYS(getpeername), SCMP_SYS(getsockname),
                   SCMP_SYS(getsockopt), SCMP_SYS(recvfrom), SCMP_SYS(recvmsg), SCMP_SYS(sendmsg),
                   SCMP_SYS(sendto), SCMP_SYS(setsockopt), SCMP_SYS(shutdown)});
-    for (const scmp_datum_t request : {FIONREAD, SIOCGIFNAME, SIOCGIFINDEX, SIOCGIFADDR, SIOCGIFFLAGS})
-        filter.allowWith(SCMP_SYS(ioctl), {isEqual(1, request)});
+    filter.allowWith(SCMP_SYS(ioctl), 1, {FIONREAD, SIOCGIFNAME, SIOCGIFINDEX, SIOCGIFADDR, SIOCGIFFLAGS});
     // Waiting
     filter.allow({SCMP_SYS(eventfd2), SCMP_SYS(pipe2), SCMP_SYS(poll), SCMP_SYS(ppoll), SCMP_SYS(select),
                   SCMP_SYS(pselect6)});

@@ -127,8 +127,7 @@ std::vector<IPv4Host> Host::inOrder() const {
     for (const auto& [interface, protocol, bytes] : addresses_)
         hosts.push_back({bytes});
     std::ranges::sort(hosts, comesBefore);
-    const auto repeated = std::ranges::unique(hosts);
-    hosts.erase(repeated.begin(), repeated.end());
+    hosts.erase(std::unique(hosts.begin(), hosts.end()), hosts.end());
     if (!preferred_) return hosts;
     const auto found = std::ranges::find(hosts, *preferred_);
     if (found != hosts.end()) std::rotate(hosts.begin(), found, found + 1);

@@ -369,7 +369,7 @@ TEST_F(RTPMIDISessionTest, AnswersClockExchangesOfThePeer) {
 TEST_F(RTPMIDISessionTest, ACountOneAnswerMakesAnyStateRunOnceHoweverBusyTheMainThreadIs) {
     inviteData();
     machine.mainQueue->holdBack();
-    for (const std::uint64_t time : {1, 2, 3}) {
+    for (const std::uint64_t time : {1u, 2u, 3u}) {
         answerClock(time, 4);
         machine.time.run();
     }
