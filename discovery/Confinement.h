@@ -10,8 +10,8 @@ constexpr std::uint64_t maxAddressSpace = std::uint64_t{128} << 20;
 
 /// Confines the calling process for good: no new privileges; only the system calls that it needs, which run
 /// no program, trace no process, open no file, and open no sockets but datagrams, netlink and local streams
-/// (the system bus); bounded memory, files and processes; little of the processor if others want it; the end of its parent
-/// is its own. A forbidden call fails with EPERM.
+/// (the system bus); bounded memory, files and processes; little of the processor if others want it; the end
+/// of its parent is its own. A forbidden call fails with EPERM.
 ///
 /// @return the parts that the kernel has refused, a sum of `Refusal`
 /// Runs on: the process's only thread.

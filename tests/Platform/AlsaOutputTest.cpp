@@ -241,7 +241,7 @@ TEST_F(PacedSenderTest, ToProgramsExclusiveGoesAsTheyHaveRoomAndOneThatStopsRead
 TEST_F(PacedSenderTest, WhatCannotBeOutWithinASecondIsDroppedWholeAndSaidOnce) {
     audience.isHardware = true;
     const auto start = Clock::now();
-    for (const std::size_t size : {32'000, 70'000, 31'000})
+    for (const std::size_t size : {32'000u, 70'000u, 31'000u})
         publish(systemExclusive(size));
     publish(note(1));
     EXPECT_EQ(joined(listener.until(note(1))), std::vector<Bytes>{note(1)});

@@ -300,7 +300,7 @@ TEST_F(JackOutputTest, WhatAServerThatStoodStillFindsTooOldIsDroppedAndCounted) 
     openSource();
     Receiver receiver;
     ASSERT_TRUE(connect(receiver));
-    for (const std::size_t number : {1, 2, 3})
+    for (const std::size_t number : {1u, 2u, 3u})
         publish(note(number), hostTime() - milliseconds(1'500));
     publish(note(4), hostTime() - milliseconds(500));
     EXPECT_EQ(receiver.messages(1), std::vector<Bytes>{note(4)});
