@@ -23,6 +23,12 @@ class QtMenuTest : public testing::Test {
   protected:
     QtMenuTest() { menu.setDelegate(delegate); }
 
+    void show(const std::vector<MenuItem>& items) {
+        delegate->items = items; // which a new view asks for
+        menu.setItems(items);
+    }
+
+
     static MenuItem line(const std::string& title, const std::string& action = "",
                          std::function<void()> choose = nullptr) {
         MenuItem item;
@@ -85,7 +91,7 @@ TEST_F(QtMenuTest, TitlesAreShownLiterallyByEachKindOfPanel) {
                                          "Q&A & &",
                                          "no ampersand",
                                          ""};
-    menu.setItems([&] {
+    show([&] {
         std::vector<MenuItem> items;
         for (const auto& name : names)
             items.push_back(line(name));
@@ -101,7 +107,7 @@ TEST_F(QtMenuTest, TitlesAreShownLiterallyByEachKindOfPanel) {
 }
 
 TEST_F(QtMenuTest, ATitleStaysOnOneLineAndInOneColumn) {
-    menu.setItems({line("a\tb\nc\x7f"
+    show({line("a\tb\nc\x7f"
                         "d\u2028e\u0085f")});
     EXPECT_EQ(titles(hosted()), QStringList{QStringLiteral("a b c d e f")});
 }
@@ -118,7 +124,7 @@ TEST_F(QtMenuTest, LinesThatStayAreNeverReplaced) {
         all.push_back(line("Quit", "terminate"));
         return all;
     };
-    menu.setItems(items({"No peers visible"}, false));
+    show(items({"No peers visible"}, false));
     QMenu& shown = hosted();
     const auto at = [&](qsizetype i) { return shown.actions().at(i); };
     const auto last = [&](qsizetype fromEnd) {
@@ -128,7 +134,7 @@ TEST_F(QtMenuTest, LinesThatStayAreNeverReplaced) {
     auto* firstPeer = at(2);
     auto* quit = last(0);
 
-    menu.setItems(items({"a", "b", "c"}, true));
+    show(items({"a", "b", "c"}, true));
     EXPECT_EQ(titles(shown),
               QStringList({"status", "-", "a", "b", "c", "-", "Auto-connect", "-", "event", "-", "Quit"}));
     EXPECT_EQ(at(0), status);
@@ -136,16 +142,16 @@ TEST_F(QtMenuTest, LinesThatStayAreNeverReplaced) {
     EXPECT_EQ(last(0), quit);
 
     auto* secondPeer = at(3);
-    menu.setItems(items({"b", "c"}, true));
+    show(items({"b", "c"}, true));
     EXPECT_EQ(titles(shown),
               QStringList({"status", "-", "b", "c", "-", "Auto-connect", "-", "event", "-", "Quit"}));
     EXPECT_EQ(at(2), firstPeer) << "it has only got another title";
     EXPECT_EQ(at(3), secondPeer);
     EXPECT_EQ(last(0), quit);
 
-    menu.setItems({});
+    show({});
     EXPECT_TRUE(shown.actions().isEmpty());
-    menu.setItems(items({}, false));
+    show(items({}, false));
     EXPECT_EQ(titles(shown), QStringList({"status", "-", "-", "Auto-connect", "-", "Quit"}));
 }
 
@@ -171,6 +177,7 @@ TEST_F(QtMenuTest, IsFreshWhenItOpensAndStillWhileItIsOpen) {
 
 TEST_F(QtMenuTest, ManyChangesAreOneUpdate) {
     hosted();
+    delegate->updates = 0;
     for (int i = 0; i < 100; ++i)
         menu.contentDidChange();
     settle();
@@ -184,8 +191,7 @@ TEST_F(QtMenuTest, ACheckmarkShowsWhatIsAndNotWhatWasClicked) {
     int chosen = 0;
     auto item = line("Start at Login", "toggleStartAtLogin", [&] { ++chosen; });
     item.isOn = false;
-    delegate->items = {item};
-    menu.setItems(delegate->items);
+    show({item});
     QAction* action = hosted().actions().at(0);
     EXPECT_TRUE(action->isCheckable());
     action->trigger(); // it checks itself, but the service refuses

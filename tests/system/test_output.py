@@ -57,8 +57,10 @@ class Output(SystemTest):
             self.assertEqual(program.wait(), 1, limit)
             self.assertRegex(program.report(), "(cannot run: .+|no Qt platform plugin could be initialized.*)", limit)
             program.popen.returncode = 0
+        if IS_SANITIZED:
+            return  # its runtime writes files and needs a larger stack
         device = self.device(self.stage, "--name", "Piano", "--play", "nothing")
-        program = Program(self, self.desk, limits=("--fsize=0", *([] if IS_SANITIZED else ["--stack=65536"])))
+        program = Program(self, self.desk, limits=("--fsize=0", "--stack=65536"))
         program.wait_for("running$")
         program.terminate()
         device.wait_for(r"bye from .*\(data\)")

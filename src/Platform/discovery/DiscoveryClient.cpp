@@ -407,7 +407,7 @@ DiscoveryClient::~DiscoveryClient() {
 std::filesystem::path DiscoveryClient::defaultExecutable() {
     std::error_code ignored; // without /proc there is no path, and starting the process reports that
     const auto folder = std::filesystem::read_symlink("/proc/self/exe", ignored).parent_path();
-    const auto beside = folder / "tessary-discovery";
+    auto beside = folder / "tessary-discovery";
     if (std::filesystem::exists(beside, ignored)) return beside;
     return folder.parent_path() / TESSARY_LIBEXEC / "tessary-discovery";
 }
