@@ -61,7 +61,7 @@ void awaitWayland() {
 
 } // namespace
 
-void Display::ask(EventLoop& loop, std::function<void()> answered) {
+void Display::ask(EventLoop& loop, const std::function<void()>& answered) {
     choosePlatform();
     const std::string platform = variable("QT_QPA_PLATFORM");
     const auto await = platform.starts_with("xcb") && !variable("DISPLAY").empty() ? awaitX11

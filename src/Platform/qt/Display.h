@@ -17,7 +17,7 @@ class Display {
     /// server has answered or refused; never if it does not answer.
     ///
     /// @param loop  outlives the process's last thread
-    static void ask(EventLoop& loop, std::function<void()> answered);
+    static void ask(EventLoop& loop, const std::function<void()>& answered);
 };
 
 } // namespace tessary
