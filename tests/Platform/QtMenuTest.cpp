@@ -28,7 +28,6 @@ class QtMenuTest : public testing::Test {
         menu.setItems(items);
     }
 
-
     static MenuItem line(const std::string& title, const std::string& action = "",
                          std::function<void()> choose = nullptr) {
         MenuItem item;
@@ -108,7 +107,7 @@ TEST_F(QtMenuTest, TitlesAreShownLiterallyByEachKindOfPanel) {
 
 TEST_F(QtMenuTest, ATitleStaysOnOneLineAndInOneColumn) {
     show({line("a\tb\nc\x7f"
-                        "d\u2028e\u0085f")});
+               "d\u2028e\u0085f")});
     EXPECT_EQ(titles(hosted()), QStringList{QStringLiteral("a b c d e f")});
 }
 
