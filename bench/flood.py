@@ -20,8 +20,8 @@ import sys
 import time
 import unittest
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests/system"))
-from harness import DATA_PORT, JackServer, Process, Program, SOURCE, SystemTest, scale, until  # noqa: E402
+from lab.processes import Process, until
+from lab.programs import DATA_PORT, SOURCE, JackServer, Program, SystemTest, scale
 
 RATE, CHANNEL = 1000, 16
 PLAYER = "10.77.8.2"

@@ -13,10 +13,9 @@ import sys
 import time
 import unittest
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests/system"))
-from desktop import Desktop  # noqa: E402
-from harness import Program, SystemTest  # noqa: E402
-from usage import usage  # noqa: E402
+from lab.desktop import Desktop
+from lab.programs import Program, SystemTest
+from usage import usage
 
 HEARTBEAT = 0.1  # a second and session; each is one wake-up to send it, and one for the answer
 FOUND = {"sessions": []}

@@ -19,9 +19,9 @@ import tempfile
 import time
 import unittest
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests/system"))
-import vm  # noqa: E402
-from harness import BUILD, PROGRAM, Process, SystemTest, environment  # noqa: E402
+from lab import vm
+from lab.processes import Process, environment
+from lab.programs import BUILD, PROGRAM, SystemTest
 
 DESK, DEVICE_ADDRESS, PORT = "10.77.9.1", "10.77.9.2", 5005
 OTHERS = [f"10.77.9.{3 + number}" for number in range(50)]

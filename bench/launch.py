@@ -4,16 +4,15 @@ and end of a Qt program that does nothing; by turns. Needs root.
 
     python3 bench/launch.py [runs]
 """
-import pathlib
 import statistics
 import subprocess
 import sys
 import time
 import unittest
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests/system"))
-from desktop import Desktop  # noqa: E402
-from harness import BUILD, Process, SystemTest, environment  # noqa: E402
+from lab.desktop import Desktop
+from lab.processes import Process, environment
+from lab.programs import BUILD, SystemTest
 
 RUNS = int(sys.argv[1]) if len(sys.argv) > 1 else 20
 

@@ -14,11 +14,10 @@ import sys
 
 import matplotlib
 matplotlib.use("svg")
-from matplotlib import pyplot  # noqa: E402
+from matplotlib import pyplot
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
-sys.path.insert(0, str(ROOT / "tests/system"))
-import vm  # noqa: E402
+from lab import vm
 
 DOCS, RESULTS = ROOT / "docs", pathlib.Path(sys.argv[1])
 QUANTILES = {"50": "50 %", "99": "99 %", "99.9": "99.9 %", "max": "longest"}
@@ -159,8 +158,8 @@ figure is the median of the rounds; in brackets are the least and the most.
 
 ## From a device's send to the output
 
-    python3 bench/latency.py            # root: it makes network namespaces
-    python3 bench/latency.py --vm
+    scripts/bench latency-null          # root: it makes network namespaces
+    scripts/bench latency-alsa
 
 A device in a network namespace of its own sends notes, chords of ten notes in one datagram, or 1,000 control changes a
 second, alternately to the program and to the floor: a C program with nothing but `epoll_wait`, `recv` on a connected
@@ -199,12 +198,12 @@ The 99.9th percentile of notes: {latency.tail(isRealTime)}{' (target 3)' if isRe
             ("A message, parsed and published into an output that does nothing", "parse", "build/release/bench/parse_bench",
              "The median of 21 runs of a million, with the fastest and the slowest. About 20 ns of each are the reading of "
              "the\nhost clock, with which every message is stamped."),
-            ("Many devices", "scale", "python3 bench/scale.py", ""),
-            ("At rest", "idle", "python3 bench/idle.py", ""),
-            ("The launch", "launch", "python3 bench/launch.py",
+            ("Many devices", "scale", "scripts/bench scale", ""),
+            ("At rest", "idle", "scripts/bench idle", ""),
+            ("The launch", "launch", "scripts/bench launch",
              "From the start to both browsers' first questions on the network. Most of the difference to a Qt program that "
              "does\nnothing is the pause that multicast DNS puts before a first question (RFC 6762, section 5.2)."),
-            ("Beside a flood of garbage", "flood", "python3 bench/flood.py",
+            ("Beside a flood of garbage", "flood", "scripts/bench flood",
              "What one device's notes suffer while another sends 20,000 datagrams of garbage a second: how long clock "
              "exchanges\nfrom the same port wait for their answer, which is the work of the same thread.")):
         sections.append(f"## {title}\n\n    {command}\n\n" + (text + "\n\n" if text else "") + figures(name))

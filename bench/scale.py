@@ -13,9 +13,9 @@ import sys
 import time
 import unittest
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests/system"))
-from harness import BUILD, JackServer, Process, Program, SOURCE, SystemTest, until  # noqa: E402
-from usage import usage  # noqa: E402
+from lab.processes import Process, until
+from lab.programs import BUILD, SOURCE, JackServer, Program, SystemTest
+from usage import usage
 
 COUNTS = 1, 10, 50, 250
 RATES = 10_000, 20_000, 30_000  # datagrams a second in all

@@ -18,8 +18,9 @@ import sys
 import threading
 import time
 
-import mdns
-from harness import CONTROL_PORT, DATA_PORT, DEVICE, Process
+from lab import mdns
+from lab.processes import Process
+from lab.programs import CONTROL_PORT, DATA_PORT, DEVICE
 
 RATE = 50  # messages a second that each device plays
 

@@ -2,7 +2,7 @@
 """The program on a real ALSA sequencer, among the programs that its users have: a monitor, a patchbay, a synthesizer,
 PipeWire. All of it runs inside one virtual machine, which this file boots for itself.
 
-One test alone: ./vm.py python3 -m unittest -v test_alsa.Sequencer.test_notes
+One test alone: PYTHONPATH=$PWD/../../tools ../../tools/lab/vm.py python3 -m unittest -v test_alsa.Sequencer.test_notes
 """
 import array
 import itertools
@@ -18,8 +18,9 @@ import sys
 import unittest
 import wave
 
-import vm
-from harness import BUILD, JackServer, Process, Program, SystemTest, environment, scale, until
+from lab import vm
+from lab.processes import Process, environment, until
+from lab.programs import BUILD, JackServer, Program, SystemTest, scale
 
 SOURCE = "Tessary Link:0"  # client by name, port by number: as a saved connection has it
 SYNTHESIZER = "FLUID Synth (tessary)"

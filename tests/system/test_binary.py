@@ -2,7 +2,7 @@
 import subprocess
 import unittest
 
-from harness import BUILD, DEVICE, DISCOVERY, IS_SANITIZED, PROGRAM
+from lab.programs import BUILD, DEVICE, DISCOVERY, IS_SANITIZED, PROGRAM
 
 
 def readelf(binary, *options):

@@ -2,7 +2,8 @@
 import shutil
 import unittest
 
-from harness import JackServer, Process, Program, SystemTest
+from lab.processes import Process
+from lab.programs import JackServer, Program, SystemTest
 
 BUS = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">

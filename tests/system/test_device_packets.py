@@ -11,7 +11,9 @@ import struct
 import time
 import unittest
 
-from harness import Network, Process, SystemTest, scale, until
+from lab.networks import Network
+from lab.processes import Process, until
+from lab.programs import SystemTest, scale
 
 MY_IP, DEVICE_IP = "10.77.0.1", "10.77.0.2"
 CONTROL, DATA = 5004, 5005

@@ -2,7 +2,7 @@
 import time
 import unittest
 
-from harness import Program, SystemTest
+from lab.programs import Program, SystemTest
 
 
 class Discovery(SystemTest):

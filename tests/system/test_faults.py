@@ -1,7 +1,7 @@
 """Devices that misbehave, and a network that changes."""
 import unittest
 
-from harness import CONTROL_PORT, DATA_PORT, Capture, JackServer, Program, SystemTest, scale
+from lab.programs import CONTROL_PORT, DATA_PORT, Capture, JackServer, Program, SystemTest, scale
 
 MISBEHAVIOUR = {
     "Late": ("--open-after", 3),

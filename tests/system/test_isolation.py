@@ -8,9 +8,10 @@ import sys
 import time
 import unittest
 
-import mdns
+from lab import mdns
+from lab.processes import Process, until
+from lab.programs import DEVICE, DISCOVERY, PROGRAM, JackServer, Program, Receiver, SystemTest
 import test_daemon
-from harness import DEVICE, DISCOVERY, PROGRAM, JackServer, Process, Program, Receiver, SystemTest, until
 
 SECONDS = float(os.environ.get("TESSARY_ISOLATION_SECONDS", "15"))  # of being killed again and again
 RATE = 48_000

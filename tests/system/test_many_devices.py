@@ -3,7 +3,7 @@ import re
 import time
 import unittest
 
-from harness import MainThreadHold, Program, SystemTest
+from lab.programs import MainThreadHold, Program, SystemTest
 
 RUNNING = r"^\[Dialer\] 10\.77\.4\.\d+ running$"
 

@@ -6,7 +6,7 @@ import select
 import signal
 import unittest
 
-from harness import IS_SANITIZED, JackServer, Program, SystemTest
+from lab.programs import IS_SANITIZED, JackServer, Program, SystemTest
 
 
 class Output(SystemTest):

@@ -8,7 +8,8 @@ import signal
 import subprocess
 import unittest
 
-from harness import BUILD, ROOT, Process, SystemTest, environment
+from lab.processes import Process, environment
+from lab.programs import BUILD, ROOT, SystemTest
 
 TOOLS = ("apt-get", "appstreamcli", "debootstrap", "desktop-file-validate", "dpkg-shlibdeps", "lintian")
 # Kept between runs: the bare system, and what was downloaded to install the package on it.

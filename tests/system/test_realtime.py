@@ -9,7 +9,8 @@ import signal
 import socket
 import unittest
 
-from harness import Process, Program, SystemTest, environment, until
+from lab.processes import Process, environment, until
+from lab.programs import Program, SystemTest
 from test_daemon import BUS
 
 RTKIT = "/usr/libexec/rtkit-daemon"

@@ -5,7 +5,8 @@ import signal
 import subprocess
 import unittest
 
-from harness import BUILD, CONTROL_PORT, DATA_PORT, ROOT, Capture, JackServer, Process, Program, SystemTest
+from lab.processes import Process
+from lab.programs import BUILD, CONTROL_PORT, DATA_PORT, ROOT, Capture, JackServer, Program, SystemTest
 
 NAME, ADDRESS = "Stage Piano & Söhne", "10.77.0.2"
 
@@ -110,7 +111,7 @@ class OneDevice(SystemTest):
         jack = JackServer(self, self.desk)
         program = Program(self, self.desk)
         receiver = jack.receiver()
-        peer = Process(self, ["node", ROOT / "tests/system/rtpmidi_peer.js", package.parent, 5104, 200], self.stage)
+        peer = Process(self, ["node", ROOT / "tools/lab/rtpmidi_peer.js", package.parent, 5104, 200], self.stage)
         peer.wait_for("^listening")
         # It has the ports; the announcement of both services is for this device to make.
         self.device(self.stage, "--name", "Other", "--address", ADDRESS, "--port", 5104, "--open-after", 3600)

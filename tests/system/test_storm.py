@@ -7,7 +7,6 @@ import pathlib
 import random
 import re
 import resource
-import shutil
 import signal
 import subprocess
 import sys
@@ -15,8 +14,9 @@ import time
 import unittest
 
 import test_daemon
-from desktop import Desktop
-from harness import JackServer, Process, SystemTest, scale, until
+from lab.desktop import Desktop
+from lab.processes import Process, until
+from lab.programs import JackServer, SystemTest, scale
 from storm import RATE, Slot, Timetable
 
 SECONDS = float(os.environ.get("TESSARY_STORM_SECONDS", 30))

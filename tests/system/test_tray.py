@@ -5,8 +5,9 @@ import subprocess
 import time
 import unittest
 
-from desktop import Desktop, contrast
-from harness import JackServer, SystemTest, until
+from lab.desktop import Desktop, contrast
+from lab.processes import until
+from lab.programs import JackServer, SystemTest
 
 ADDRESS = "10.78.0.{}"
 COMMANDS = ["-", "Auto-connect", "Reconnect Now", "-", "Start at Login", "-"]

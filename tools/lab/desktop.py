@@ -10,7 +10,8 @@ import subprocess
 import tempfile
 import unittest
 
-from harness import BUILD, Process, Program, environment, until
+from lab.processes import Process, environment, until
+from lab.programs import BUILD, Program
 
 TOOLS = ("dbus-daemon", "Xvfb", "xfce4-panel", "trayer", "xdotool", "import", "convert", "busctl", "gdbus")
 ITEM_INTERFACE, MENU_INTERFACE = "org.kde.StatusNotifierItem", "com.canonical.dbusmenu"

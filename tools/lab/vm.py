@@ -111,7 +111,7 @@ def run(command, timeout, environment=None, directory=None, output=None):
     kernel, modules = _kernel()
     module_files = _module_files(modules, MODULES)
     variables = {"TESSARY_VM": "1", "PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/root", "LC_ALL": "C.UTF-8",
-                 **(environment or {})}
+                 "PYTHONPATH": os.environ.get("PYTHONPATH", ""), **(environment or {})}
     start = START.format(command=shlex.join(map(str, command)), directory=shlex.quote(str(directory or os.getcwd())),
                          environment=" ".join(f"{key}={shlex.quote(value)}" for key, value in variables.items()))
     executable, plain, folder = 0o100755, 0o100644, 0o040755
