@@ -2,8 +2,8 @@
 //
 //     latency_road STAMPS HOST...       invites each of these hosts at port 5004
 
-#include "Platform/epoll/EpollNetwork.h"
-#include "Platform/posix/SystemClock.h"
+#include "Platform/network/EpollNetwork.h"
+#include "Platform/system/SystemClock.h"
 #include "Services/CoreMIDIBridge.h"
 #include "Services/RTPMIDISession.h"
 #include "stamps.h"

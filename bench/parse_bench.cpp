@@ -1,6 +1,6 @@
 // How long it takes to parse a message and publish it into an output that does nothing, on one core.
 
-#include "Platform/posix/SystemClock.h"
+#include "Platform/system/SystemClock.h"
 #include "Services/CoreMIDIBridge.h"
 #include "support/Fakes.h"
 #include "support/Packet.h"

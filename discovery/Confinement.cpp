@@ -1,7 +1,7 @@
 #include "Confinement.h"
 
 #include "Platform/discovery/Messages.h"
-#include "Platform/posix/Sanitizers.h"
+#include "Platform/system/Sanitizers.h"
 
 #include <array>
 #include <cerrno>

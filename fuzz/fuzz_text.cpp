@@ -1,7 +1,7 @@
 // Names from the network, on their way into the log and the menu.
 #include "Models/UTF8.h"
-#include "Platform/posix/StandardOutputLog.h"
 #include "Platform/qt/QtMenu.h"
+#include "Platform/system/StandardOutputLog.h"
 #include "Require.h"
 
 #include <QAction>

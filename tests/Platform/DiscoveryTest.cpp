@@ -5,7 +5,7 @@
 #include "Confinement.h"
 #include "Loop.h"
 #include "Platform/discovery/Messages.h"
-#include "Platform/epoll/EventLoop.h"
+#include "Platform/network/EventLoop.h"
 #include "ServiceBrowse.h"
 #include "support/Fakes.h"
 

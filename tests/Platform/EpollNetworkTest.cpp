@@ -1,4 +1,4 @@
-#include "Platform/epoll/EpollNetwork.h"
+#include "Platform/network/EpollNetwork.h"
 
 #include "support/Await.h"
 #include "support/PeerSocket.h"

@@ -1,4 +1,4 @@
-#include "Platform/posix/InstanceLock.h"
+#include "Platform/system/InstanceLock.h"
 
 #include <csignal>
 #include <cstdlib>

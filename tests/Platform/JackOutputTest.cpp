@@ -1,7 +1,7 @@
 #include "Platform/jack/JackOutput.h"
 
-#include "Platform/MIDIRing.h"
 #include "Platform/jack/CycleTime.h"
+#include "Platform/jack/MIDIRing.h"
 #include "support/Fakes.h"
 #include "support/JackServer.h"
 

@@ -1,8 +1,8 @@
 // Real-time priority as the kernel shows it. Each test is a process of its own: the limit that comes with the
 // priority stays with the process that it was put on.
 
-#include "Platform/posix/RealTimePriority.h"
-#include "Platform/epoll/EpollNetwork.h"
+#include "Platform/realtime/RealTimePriority.h"
+#include "Platform/network/EpollNetwork.h"
 #include "support/PeerSocket.h"
 
 #include <atomic>

@@ -1,4 +1,4 @@
-#include "Platform/posix/StandardOutputLog.h"
+#include "Platform/system/StandardOutputLog.h"
 
 #include <chrono>
 #include <fcntl.h>

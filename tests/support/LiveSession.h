@@ -1,8 +1,8 @@
 // A session on real sockets whose peer is the test itself.
 #pragma once
 
-#include "Platform/epoll/EpollNetwork.h"
-#include "Platform/posix/SystemClock.h"
+#include "Platform/network/EpollNetwork.h"
+#include "Platform/system/SystemClock.h"
 #include "Services/CoreMIDIBridge.h"
 #include "Services/RTPMIDISession.h"
 #include "support/Fakes.h"

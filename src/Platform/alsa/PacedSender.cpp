@@ -1,6 +1,6 @@
 #include "Platform/alsa/PacedSender.h"
 
-#include "Platform/posix/Thread.h"
+#include "Platform/system/Thread.h"
 
 #include <algorithm>
 #include <memory>

@@ -3,8 +3,8 @@
 #pragma once
 
 #include "Platform/Log.h"
-#include "Platform/MIDIRing.h"
 #include "Platform/alsa/Subscribers.h"
+#include "Platform/jack/MIDIRing.h"
 
 #include <algorithm>
 #include <atomic>

@@ -3,7 +3,7 @@
 
 #include "Platform/Log.h"
 #include "Platform/discovery/Messages.h"
-#include "Platform/epoll/EventLoop.h"
+#include "Platform/network/EventLoop.h"
 
 #include <chrono>
 #include <filesystem>

@@ -1,10 +1,10 @@
 #include "Platform/jack/JackOutput.h"
 
-#include "Platform/MIDIRing.h"
 #include "Platform/jack/CycleTime.h"
 #include "Platform/jack/JackLibrary.h"
-#include "Platform/posix/RealTimePriority.h"
-#include "Platform/posix/Thread.h"
+#include "Platform/jack/MIDIRing.h"
+#include "Platform/realtime/RealTimePriority.h"
+#include "Platform/system/Thread.h"
 
 #include <algorithm>
 #include <atomic>

@@ -1,7 +1,7 @@
 // Whether the display answers.
 #pragma once
 
-#include "Platform/epoll/EventLoop.h"
+#include "Platform/network/EventLoop.h"
 
 #include <functional>
 

@@ -1,7 +1,7 @@
 #include "Platform/qt/QtApplication.h"
 
-#include "Platform/posix/OpenFile.h"
 #include "Platform/qt/Display.h"
+#include "Platform/system/OpenFile.h"
 
 #include <QApplication>
 #include <QSessionManager>

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "Platform/Application.h"
-#include "Platform/epoll/EventLoop.h"
+#include "Platform/network/EventLoop.h"
 
 #include <functional>
 #include <memory>

@@ -1,7 +1,7 @@
 #include "Platform/qt/TrayHost.h"
 
-#include "Platform/posix/OpenFile.h"
-#include "Platform/posix/Thread.h"
+#include "Platform/system/OpenFile.h"
+#include "Platform/system/Thread.h"
 
 #include <QAbstractNativeEventFilter>
 #include <QDBusMessage>

@@ -1,4 +1,4 @@
-#include "Platform/posix/ResidentMemory.h"
+#include "Platform/realtime/ResidentMemory.h"
 
 #include <array>
 #include <bit>

@@ -1,4 +1,4 @@
-#include "Platform/epoll/EventLoop.h"
+#include "Platform/network/EventLoop.h"
 
 #include <cerrno>
 #include <sys/epoll.h>

@@ -1,7 +1,7 @@
-#include "Platform/posix/StandardOutputLog.h"
+#include "Platform/system/StandardOutputLog.h"
 
 #include "Models/UTF8.h"
-#include "Platform/posix/Thread.h"
+#include "Platform/system/Thread.h"
 
 #include <cerrno>
 #include <chrono>

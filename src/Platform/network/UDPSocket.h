@@ -2,7 +2,7 @@
 #pragma once
 
 #include "Models/IPv4Host.h"
-#include "Platform/posix/OpenFile.h"
+#include "Platform/system/OpenFile.h"
 
 #include <cstdint>
 #include <optional>

@@ -1,6 +1,6 @@
-#include "Platform/epoll/LoopQueue.h"
+#include "Platform/network/LoopQueue.h"
 
-#include "Platform/TimerHandle.h"
+#include "Platform/network/TimerHandle.h"
 
 #include <atomic>
 #include <optional>

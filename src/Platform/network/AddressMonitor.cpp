@@ -1,4 +1,4 @@
-#include "Platform/epoll/AddressMonitor.h"
+#include "Platform/network/AddressMonitor.h"
 
 #include <array>
 #include <cerrno>

@@ -1,7 +1,7 @@
 // One thread's event loop: files that become readable, posted work, timers. On the road of a MIDI message.
 #pragma once
 
-#include "Platform/posix/OpenFile.h"
+#include "Platform/system/OpenFile.h"
 
 #include <atomic>
 #include <chrono>

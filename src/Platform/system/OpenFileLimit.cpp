@@ -1,4 +1,4 @@
-#include "Platform/posix/OpenFileLimit.h"
+#include "Platform/system/OpenFileLimit.h"
 
 #include <algorithm>
 #include <sys/resource.h>

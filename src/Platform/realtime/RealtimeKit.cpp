@@ -1,4 +1,4 @@
-#include "Platform/dbus/RealtimeKit.h"
+#include "Platform/realtime/RealtimeKit.h"
 
 #include <algorithm>
 #include <cstdint>

@@ -1,7 +1,7 @@
-#include "Platform/posix/RealTimePriority.h"
+#include "Platform/realtime/RealTimePriority.h"
 
-#include "Platform/dbus/RealtimeKit.h"
-#include "Platform/posix/Thread.h"
+#include "Platform/realtime/RealtimeKit.h"
+#include "Platform/system/Thread.h"
 
 #include <algorithm>
 #include <cerrno>

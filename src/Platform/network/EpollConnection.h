@@ -2,7 +2,7 @@
 #pragma once
 
 #include "Platform/UDPConnection.h"
-#include "Platform/epoll/EventLoop.h"
+#include "Platform/network/EventLoop.h"
 
 #include <atomic>
 #include <memory>

@@ -1,6 +1,6 @@
-#include "Platform/epoll/EpollConnection.h"
+#include "Platform/network/EpollConnection.h"
 
-#include "Platform/epoll/UDPSocket.h"
+#include "Platform/network/UDPSocket.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,4 +1,4 @@
-#include "Platform/epoll/UDPSocket.h"
+#include "Platform/network/UDPSocket.h"
 
 #include <array>
 #include <cerrno>

@@ -1,13 +1,13 @@
-#include "Platform/epoll/EpollNetwork.h"
+#include "Platform/network/EpollNetwork.h"
 
-#include "Platform/epoll/AddressMonitor.h"
-#include "Platform/epoll/EpollConnection.h"
-#include "Platform/epoll/EventLoop.h"
-#include "Platform/epoll/LoopQueue.h"
-#include "Platform/epoll/UDPSocket.h"
-#include "Platform/posix/RealTimePriority.h"
-#include "Platform/posix/ResidentMemory.h"
-#include "Platform/posix/Thread.h"
+#include "Platform/network/AddressMonitor.h"
+#include "Platform/network/EpollConnection.h"
+#include "Platform/network/EventLoop.h"
+#include "Platform/network/LoopQueue.h"
+#include "Platform/network/UDPSocket.h"
+#include "Platform/realtime/RealTimePriority.h"
+#include "Platform/realtime/ResidentMemory.h"
+#include "Platform/system/Thread.h"
 
 #include <optional>
 #include <utility>

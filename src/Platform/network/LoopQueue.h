@@ -2,7 +2,7 @@
 #pragma once
 
 #include "Platform/Queue.h"
-#include "Platform/epoll/EventLoop.h"
+#include "Platform/network/EventLoop.h"
 
 namespace tessary {
 

@@ -1,4 +1,4 @@
-#include "Platform/posix/Thread.h"
+#include "Platform/system/Thread.h"
 
 #include <csignal>
 #include <pthread.h>

@@ -1,7 +1,7 @@
 // Real-time priority for one thread, for as long as it behaves.
 #pragma once
 
-#include "Platform/posix/OpenFile.h"
+#include "Platform/system/OpenFile.h"
 
 #include <chrono>
 
