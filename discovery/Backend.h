@@ -76,7 +76,7 @@ class Backend {
                                    std::function<void(const AddressEvent&)> handler) = 0;
 };
 
-/// What a backend tells its owner.
+/// What a backend reports to its owner.
 struct BackendHandlers {
     /// Lookups can be made from now on.
     std::function<void()> ready;
@@ -86,9 +86,9 @@ struct BackendHandlers {
 
 /// The daemon's client. Reports `ready` later, never inside this call.
 ///
-/// @param waits  whether to wait for a daemon; otherwise there is a backend only if somebody owns
+/// @param waits  whether to wait for a daemon; otherwise there is a backend only if a process owns
 ///               org.freedesktop.Avahi on the system bus, or the bus can start its owner
-/// Waits for the bus.
+/// Blocks until the bus answers.
 std::shared_ptr<Backend> makeClientBackend(Loop& loop, BackendHandlers handlers, bool waits);
 
 /// The embedded core, which is ready at once; or none and the error.

@@ -11,22 +11,22 @@ namespace {
 
 using State = Service::State;
 
-/// The daemon gives one client 1,024 objects (objects-per-client-max). More devices than fit, and the oldest
-/// are no longer watched.
+/// The daemon allows one client 1,024 objects (objects-per-client-max). With more devices, the oldest are no
+/// longer watched.
 constexpr std::size_t maxLookups = 1000;
 
 /// A service takes one lookup, its host up to two.
 constexpr std::size_t lookupsOfAService = 3;
 
-/// Unanswered questions are repeated on the network, so only so many are open at a time.
+/// Unanswered queries are repeated on the network, so their number is limited.
 constexpr std::size_t maxAsked = 200;
 constexpr std::size_t maxMissing = 64;
 
 /// A live responder answers within this time even if the first query is lost (RFC 6762, section 5.2).
 constexpr auto answerTime = std::chrono::milliseconds(1500);
 
-/// A daemon that goes again within this time is not only being restarted: somebody on the network makes it
-/// crash.
+/// A daemon that ends twice within this time is not just being restarted: something on the network crashes
+/// it.
 constexpr auto stableTime = std::chrono::minutes(1);
 
 std::string lowerCase(std::string text) {
@@ -128,8 +128,8 @@ void Engine::hostChanged(const Host& host) {
 
 void Engine::moved(Service& service, State next) {
     Services& to = queue(next);
-    // Thousands of dead names must not hold up a device that has just come: services that have failed wait
-    // behind those that have not been asked for yet.
+    // Thousands of dead names must not delay a device that has just appeared: services that have failed wait
+    // behind those that have not been looked up yet.
     const auto place = next == State::waiting && service.hasFailed() ? to.begin() : to.end();
     to.splice(place, queue(service.state()), service.position);
     if (next == State::missing && to.size() > maxMissing) to.front()->leave(State::idle, true);
@@ -152,7 +152,7 @@ void Engine::askWaiting() {
     }
 }
 
-/// Whether there is room to ask for `next`; for that, services may go back to waiting or be no longer
+/// Whether there is room to look up `next`. To make room, services may go back to waiting or be no longer
 /// watched.
 bool Engine::makeRoom(const Service& next) {
     Services& asked = queue(State::asked);

@@ -18,7 +18,7 @@ namespace tessary::discovery {
 
 class Engine {
   public:
-    /// Makes the backend, which may wait for the system bus.
+    /// Makes the backend, which may block on the system bus.
     Engine(Loop& loop, Responder responder, std::function<void(const Report&)> report);
     Engine(const Engine&) = delete;
     Engine& operator=(const Engine&) = delete;
@@ -39,7 +39,8 @@ class Engine {
 
     Services& queue(Service::State state) { return queues_[static_cast<std::size_t>(state)]; }
     void ready();
-    /// Ends the process if the daemon is not stable: the program then starts one with the embedded responder.
+    /// Ends the process if the daemon is not stable: the program then starts a process with the embedded
+    /// responder.
     void lost();
     std::shared_ptr<Host> host(const std::string& name);
     void hostChanged(const Host& host);

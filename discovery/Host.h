@@ -1,4 +1,4 @@
-// The addresses of one host, and which of them it is known by.
+// The addresses of one host, and the preferred one.
 #pragma once
 
 #include "Backend.h"
@@ -18,8 +18,7 @@ namespace tessary::discovery {
 /// address.
 class Host : public std::enable_shared_from_this<Host> {
   public:
-    /// @param changed  called when the addresses have settled, and each time that they have settled
-    /// differently
+    /// @param changed  called when the addresses have settled, and each time that they settle differently
     Host(Loop& loop, std::string name, std::function<void(const Host&)> changed);
 
     const std::string& name() const { return name_; }
@@ -27,14 +26,15 @@ class Host : public std::enable_shared_from_this<Host> {
     /// Looks the addresses up. Called again with a new daemon.
     void begin(Backend& backend);
 
-    /// The daemon has gone. The addresses stay known until others have settled.
+    /// The daemon has ended. The addresses stay known until others have settled.
     void interrupt();
 
-    /// The program knows the host by this address already: it comes first for as long as it is there. The
-    /// first of such addresses counts.
+    /// The program already knows the host by this address, so it comes first while it exists. Only the first
+    /// call counts.
     void prefer(IPv4Host address);
 
-    /// A service cannot wait any longer: takes what addresses there are, or asks for IPv6 addresses as well.
+    /// A service cannot wait any longer: settles for the addresses found so far, or queries IPv6 addresses
+    /// too.
     void hurry();
 
     /// The IPv4 addresses, the preferred one first; none if the host has IPv6 addresses alone. Absent until
@@ -67,7 +67,7 @@ class Host : public std::enable_shared_from_this<Host> {
     Loop::Clock::time_point lastChange_;
     bool isDecisionDue_ = false;
     std::optional<IPv4Host> preferred_;
-    bool isKnown_ = false; // to the program, by an address that it has told
+    bool isKnown_ = false; // to the program, by an address reported to it
     std::optional<std::vector<IPv4Host>> settled_;
 };
 

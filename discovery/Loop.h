@@ -1,4 +1,4 @@
-// The event loop of the discovery process: Avahi's own, with work that runs later.
+// The event loop of the discovery process: Avahi's own, with posted work.
 #pragma once
 
 #include <avahi-common/simple-watch.h>

@@ -76,7 +76,7 @@ class ServerBackend : public AvahiLookups<ServerAPI> {
     bool isReady() const override { return true; }
     bool mayRecover(int) const override { return false; }
 
-    /// The core keeps records for as long as their sender says, years if need be, and takes none once a cache
+    /// The core keeps records for as long as their sender asks, even for years, and accepts none once a cache
     /// is full.
     bool isExhausted() const override {
         CacheCount records;

@@ -1,4 +1,4 @@
-// One service instance that the program has asked for. Where it is, and where it moves to.
+// The location of one service instance that the program has asked for, and its changes.
 #pragma once
 
 #include "Backend.h"
@@ -13,14 +13,14 @@
 
 namespace tessary::discovery {
 
-/// Its lookup finds the host and the port, and stays to tell of changes; the host's addresses complete it.
+/// Its lookup finds the host and the port, and stays open to report changes; the host supplies the addresses.
 class Service : public std::enable_shared_from_this<Service> {
   public:
     enum class State {
-        waiting, ///< for room on the network
-        asked,   ///< on the network, and the time runs
+        waiting, ///< for a free query
+        asked,   ///< being queried, the timeout running
         found,   ///< and watched
-        missing, ///< the time is over; it may still answer
+        missing, ///< timed out; it may still answer
         idle,    ///< found or missing, but no longer watched
     };
 
@@ -38,23 +38,24 @@ class Service : public std::enable_shared_from_this<Service> {
     bool hasFailed() const { return hasFailed_; }
     const Host* host() const { return host_.get(); }
 
-    /// An answer is wanted again. It is given at once if it is known.
+    /// An answer is wanted again; it is reported at once if known.
     void want(const Resolve& request);
 
-    /// Asks the network; the time counts from here.
+    /// Queries the network; the timeout starts here.
     void ask(Backend& backend);
 
-    /// Watches on, with a new daemon.
+    /// Goes on watching, with a new daemon.
     void watch(Backend& backend);
-    /// The daemon has gone: what was found stays known until the next one says otherwise.
+    /// The daemon has ended: what was found stays known until the next daemon reports otherwise.
     void interrupt();
 
-    /// Whether it has been on the network for that long without an answer.
+    /// Whether its query has been open for that long without an answer.
     bool isUnanswered(std::chrono::nanoseconds time) const;
 
-    /// Leaves the network, and forgets the host.
+    /// Closes the lookup and releases the host.
     ///
-    /// @param hasFailed  whether it has had its chance: it comes after those that have not
+    /// @param hasFailed  whether its query failed: it then waits behind services that have not been queried
+    ///                   yet
     void leave(State next, bool hasFailed);
 
     /// Its host's addresses have settled.
@@ -75,7 +76,7 @@ class Service : public std::enable_shared_from_this<Service> {
     const Handlers& handlers_;
     Resolve request_;
     State state_ = State::waiting;
-    bool isWanted_ = true; // an answer is owed
+    bool isWanted_ = true; // the program waits for an answer
     bool hasFailed_ = false;
     std::uint64_t attempt_ = 0;
     Loop::Clock::time_point askedAt_;

@@ -17,10 +17,10 @@ class ServiceBrowse : public std::enable_shared_from_this<ServiceBrowse> {
   public:
     ServiceBrowse(Loop& loop, const Browse& request, std::function<void(const Report&)> report);
 
-    /// Begins, or goes on with a new daemon.
+    /// Begins browsing, or continues with a new daemon.
     void begin(Backend& backend);
 
-    /// The daemon has gone.
+    /// The daemon has ended.
     void interrupt();
 
   private:

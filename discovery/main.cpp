@@ -1,7 +1,7 @@
 // Discovers services by mDNS for the program that has started it, over the socket that it was given.
 //
-// It reads the datagrams of everybody on the network with a library that some of them crash. So it is a
-// process of its own, confined, and without any state that its successor could not find again.
+// It parses datagrams from anyone on the network with a library that some of them crash. So it is a separate,
+// confined process without any state that its successor could not find again.
 
 #include "Aliases.h"
 #include "Confinement.h"
@@ -43,7 +43,7 @@ class Program {
         loop.poll()->watch_new(loop.poll(), socketDescriptor, AVAHI_WATCH_IN, readable, this);
     }
 
-    /// A datagram has come from the network. Many of them may have filled the cache.
+    /// A datagram has arrived. Many of them may have filled the cache.
     void noteDatagram() {
         if (++datagrams_ == manyDatagrams) loop_.after(exhaustionDelay, [this] { endIfExhausted(); });
     }
@@ -91,7 +91,7 @@ class Program {
         encode(report, out_);
     }
 
-    /// Waits for the program where it has to: it reads everything as soon as it can.
+    /// Blocks while the socket is full; the program reads as soon as it can.
     void flush() {
         for (std::span<const std::uint8_t> rest = out_; !rest.empty();) {
             const ssize_t size = ::send(socketDescriptor, rest.data(), rest.size(), MSG_NOSIGNAL);
@@ -156,5 +156,5 @@ int main() {
     } catch (const std::exception&) {
         return EXIT_FAILURE;
     }
-    std::_Exit(EXIT_SUCCESS); // the program has gone: nothing is worth taking down in order
+    std::_Exit(EXIT_SUCCESS); // the program has ended: no orderly cleanup is needed
 }

@@ -12,7 +12,7 @@ namespace tessary {
 
 namespace {
 
-/// A line that only tells something.
+/// A line that cannot be chosen.
 MenuItem information(std::string title) {
     MenuItem item;
     item.title = std::move(title);

@@ -1,4 +1,4 @@
-// What happens at launch and at the end, what the menu shows, and who owns whom.
+// What happens at launch and at the end, what the menu shows, and which object owns which.
 #pragma once
 
 #include "Models/Image.h"
@@ -21,13 +21,13 @@ class AppDelegate : public MenuDelegate, public std::enable_shared_from_this<App
     explicit AppDelegate(const Platform& platform);
 
     /// Launch: the MIDI source, then discovery, which browses before anything else exists, then the dialer
-    /// and the login item; then the status item with its menu, which show what the others have.
+    /// and the login item, and last the status item with its menu.
     void applicationDidFinishLaunching();
 
-    /// The end: every session says goodbye. The rest ends with the process.
+    /// The end: every session sends BY. Everything else ends with the process.
     void applicationWillTerminate();
 
-    /// The menu is about to be seen. What others may have changed behind our back is asked afresh.
+    /// The menu is about to be shown: reads what other programs may have changed.
     void menuNeedsUpdate(Menu& menu) override;
 
     /// Calls `observer` whenever something that the menu shows has changed. After launch only.

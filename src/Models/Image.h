@@ -1,4 +1,4 @@
-// A small drawing, as values: the same one becomes pixels, an icon file, a panel's symbol.
+// A small drawing as values, which becomes pixels, an icon file or a panel's symbolic icon.
 #pragma once
 
 #include <functional>
@@ -41,7 +41,7 @@ struct Shape {
 struct Image {
     double width = 0;
     double height = 0;
-    /// Only the drawn shape counts; whoever shows the image picks the colour that suits the place.
+    /// Only the shape counts; the panel chooses the colour.
     bool isTemplate = false;
     std::string accessibilityDescription;
     /// The drawing for a destination in the image's coordinates. Keeps no state and may be called at any

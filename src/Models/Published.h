@@ -12,8 +12,8 @@ namespace tessary {
 /// Keeps one observer registered; dropping it ends the observation.
 using Observation = std::shared_ptr<void>;
 
-/// A field whose observers are told when it changes. Assigning a value equal to the present one, by the
-/// type's own equality, stores it and tells nobody.
+/// A field that calls its observers when it changes. Assigning a value that compares equal stores it without
+/// calling them.
 ///
 /// Runs on: the main thread. Observers run there, inside the assignment, after the field holds the new value.
 template <typename T>
@@ -34,8 +34,8 @@ class Published {
         return *this;
     }
 
-    /// Changes the value in place, for containers too large to be copied. `change` is given the value and
-    /// answers whether it is another one now.
+    /// Changes the value in place, for containers too large to be copied. `change` gets the value and returns
+    /// whether it changed it.
     template <typename Change>
     void modify(Change change) {
         if (change(value_)) notify();
@@ -57,7 +57,7 @@ class Published {
     }
 
     T value_{};
-    mutable std::vector<std::weak_ptr<std::function<void()>>> observers_; ///< whoever may read may observe
+    mutable std::vector<std::weak_ptr<std::function<void()>>> observers_; ///< read access suffices to observe
 };
 
 } // namespace tessary

@@ -1,4 +1,4 @@
-// What the services ask of the machine: the end of the program.
+// What the services need from the machine: the end of the program.
 #pragma once
 
 namespace tessary {

@@ -1,4 +1,4 @@
-// What the services ask of the machine: the time.
+// What the services need from the machine: the time.
 #pragma once
 
 #include <chrono>

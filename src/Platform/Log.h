@@ -1,4 +1,4 @@
-// What the services ask of the machine: a place for diagnostic lines.
+// What the services need from the machine: a place for diagnostic lines.
 #pragma once
 
 #include <string_view>

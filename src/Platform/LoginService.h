@@ -1,4 +1,4 @@
-// What the services ask of the machine: starting the program at login.
+// What the services need from the machine: starting the program at login.
 #pragma once
 
 #include <optional>

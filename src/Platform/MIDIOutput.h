@@ -1,4 +1,4 @@
-// What the services ask of the machine: one virtual MIDI source. On the road of a MIDI message.
+// What the services need from the machine: one virtual MIDI source. On the packet path.
 #pragma once
 
 #include <cstdint>

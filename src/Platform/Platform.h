@@ -1,4 +1,4 @@
-// Everything that the services ask of the machine, in one value. `main.cpp` builds it of real parts, the
+// Everything that the services need from the machine, in one value. `main.cpp` builds it of real parts, the
 // tests of fakes on a virtual clock. All of it outlives every service.
 #pragma once
 

@@ -1,4 +1,4 @@
-// What the services ask of the machine: a few values that outlive the program.
+// What the services need from the machine: a few values that outlive the program.
 #pragma once
 
 #include <cstdint>

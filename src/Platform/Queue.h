@@ -1,4 +1,4 @@
-// What the services ask of the machine: work that runs later, in order, on one thread.
+// What the services need from the machine: work that runs later, in order, on one thread.
 #pragma once
 
 #include <chrono>
@@ -14,7 +14,7 @@ class Queue {
 
     /// Runs `work` on this queue as soon as it can, never inside this call.
     ///
-    /// Runs on: any thread. Allocates: yes, so it is never called on the road of a MIDI message.
+    /// Runs on: any thread. Allocates: yes, so it is never called on the packet path.
     virtual void post(std::function<void()> work) = 0;
 };
 

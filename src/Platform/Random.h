@@ -1,4 +1,4 @@
-// What the services ask of the machine: numbers that nobody can guess.
+// What the services need from the machine: unpredictable numbers.
 #pragma once
 
 #include <cstdint>

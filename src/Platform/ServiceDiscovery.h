@@ -1,4 +1,4 @@
-// What the services ask of the machine: DNS-SD (RFC 6763), browsing and resolving.
+// What the services need from the machine: DNS-SD (RFC 6763), browsing and resolving.
 #pragma once
 
 #include "Models/IPv4Host.h"

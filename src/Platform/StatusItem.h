@@ -1,4 +1,4 @@
-// What the application asks of the machine: one item in the desktop's status area, and its menu.
+// What the application needs from the machine: one item in the desktop's status area, and its menu.
 #pragma once
 
 #include "Models/Image.h"

@@ -1,4 +1,4 @@
-// What the services ask of the machine: knowledge of Unicode.
+// What the services need from the machine: knowledge of Unicode.
 #pragma once
 
 #include <string>

@@ -1,4 +1,4 @@
-// What the services ask of the machine: UDP connections from fixed local ports.
+// What the services need from the machine: UDP connections from fixed local ports.
 #pragma once
 
 #include "Models/IPv4Host.h"
@@ -16,13 +16,13 @@ namespace tessary {
 
 enum class ConnectionState { ready, failed, cancelled };
 
-/// What a receive handler answers: whether it wants the next datagram.
+/// What a receive handler returns: whether it wants the next datagram.
 enum class Receive { again, stop };
 
 /// The handlers of one connection. All run on the queue that the connection was started on.
 struct UDPHandlers {
     /// Each change of state; the error is set for `failed` only. A connection may report `ready` more than
-    /// once: each time it asks its owner to introduce itself to the peer anew.
+    /// once: each time its owner must invite the peer again.
     std::function<void(ConnectionState, std::error_code)> stateDidChange;
     /// One datagram, whole, in a buffer that is the connection's again once the handler returns; or no bytes
     /// and an error.
@@ -63,10 +63,10 @@ class UDPNetwork {
   public:
     virtual ~UDPNetwork() = default;
 
-    /// A new serial queue; the label is for people who debug.
+    /// A new serial queue; the label is for debugging.
     virtual std::shared_ptr<TimerQueue> makeQueue(std::string label) = 0;
 
-    /// The queue for small work that nobody waits for.
+    /// The queue for small work in the background.
     virtual TimerQueue& backgroundQueue() = 0;
 
     /// A connection that is not started: from `localPort` of the IPv4 wildcard address (absent: any port) to

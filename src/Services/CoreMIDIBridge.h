@@ -1,5 +1,5 @@
-// The program's one virtual MIDI source, and the parser that feeds it. On the road of a MIDI message: no
-// lock, no heap allocation, no system call but the output's own.
+// The program's one virtual MIDI source, and the parser that feeds it. On the packet path: no lock, no heap
+// allocation, no system call but the output's own.
 #pragma once
 
 #include "Platform/MIDIOutput.h"

@@ -9,7 +9,7 @@
 
 namespace tessary {
 
-/// Keeps nothing of its own: what holds is what the machine's login service reports.
+/// Stores nothing itself: the login service is the only source of truth.
 ///
 /// Observable. Runs on: the main thread.
 class LoginItemManager {
@@ -20,7 +20,7 @@ class LoginItemManager {
     LoginItemManager& operator=(const LoginItemManager&) = delete;
     ~LoginItemManager() = default;
 
-    /// Asks the login service for this, whatever it reports now, and refreshes. Errors: `lastError` and a
+    /// Passes this to the login service, whatever it reports now, and refreshes. Errors: `lastError` and a
     /// line.
     void setEnabled(bool enabled);
 

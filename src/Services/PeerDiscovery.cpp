@@ -18,7 +18,7 @@ constexpr const char* appleMidiType = "_apple-midi._udp";
 constexpr const char* linkType = "_tessarylink._tcp";
 constexpr auto resolutionTimeout = 5s;
 
-/// One element that is no text spoils the whole list.
+/// One element that is not a text invalidates the whole list.
 std::set<std::string> loadTrustedIPs(const Preferences& preferences) {
     const auto stored = preferences.array(trustedKey);
     if (!stored) return {};
@@ -30,7 +30,7 @@ std::set<std::string> loadTrustedIPs(const Preferences& preferences) {
     return ips;
 }
 
-/// Drops the entries whose names are listed no more.
+/// Drops the entries whose names are no longer listed.
 template <typename Map>
 void removeStale(Published<Map>& map, const std::set<std::string>& names) {
     map.modify([&](Map& entries) {
@@ -157,8 +157,8 @@ void PeerDiscovery::recompute() {
         allowed.insert(ip);
 
     std::unordered_map<std::string, PeerHost> byAddress;
-    // Of two services at one address, as where a tablet has another RTP-MIDI app too, the one that bears the
-    // name of the marker there is the companion's.
+    // If two services share an address, because the tablet runs another RTP-MIDI app too, the one named like
+    // the marker belongs to the companion app.
     const auto isMarked = [this](const PeerHost& peer) {
         const auto marker = markerIPByName->find(peer.displayName);
         return marker != markerIPByName->end() && marker->second == peer.ip;

@@ -17,12 +17,11 @@
 
 namespace tessary {
 
-/// A device is a peer if it offers an RTP-MIDI session service and, at the same IPv4 address, either the
-/// companion app's marker service or a past: its address once held a running session with this program (it is
-/// trusted).
+/// A device is a peer if it offers an RTP-MIDI session service and, at the same IPv4 address, either offers
+/// the companion app's marker service or is trusted: a session with that address has run before.
 ///
 /// Observable. Runs on: the main thread, but for the browsers' callbacks, which only extract names on `queue`
-/// and post the rest; work that they posted holds the discovery until it has run.
+/// and post the rest; posted work keeps the discovery alive until it has run.
 class PeerDiscovery : public std::enable_shared_from_this<PeerDiscovery> {
   public:
     /// Loads the trusted addresses; starts nothing.

@@ -92,8 +92,8 @@ void RTPMIDIDialer::startSession(const PeerHost& peer) {
     const auto session =
         std::make_shared<RTPMIDISession>(platform_, peer.displayName, peer.host, peer.port, localName_);
 
-    // A handler that is just running may keep a session alive past its removal from the map: its late report
-    // must not touch the next session at the same address.
+    // A running handler may keep a session alive past its removal from the map: its late report must not
+    // affect the next session at the same address.
     session->stateDidChange = [weak = weak_from_this(), peer,
                                reporter = std::weak_ptr(session)](const RTPMIDISession::State& state) {
         const auto self = weak.lock();

@@ -1,4 +1,4 @@
-// Decides which peers the program holds sessions with, and sums them up for the menu.
+// Decides which peers the program has sessions with, and summarizes them for the menu.
 #pragma once
 
 #include "Models/PeerHost.h"
@@ -25,14 +25,13 @@ struct DialerStatus {
 };
 
 /// Holds exactly one session for each address of the discovery's peers. It looks once a second, whenever the
-/// peers change, and on demand; a session that ended is forgotten and its peer dialled again at the next
-/// look.
+/// peers change, and on demand; a session that has ended is dropped and its peer dialled again the next time.
 ///
-/// Observable. Runs on: the main thread, but for the MIDI, which goes from each session's queue straight to
-/// the bridge. Every callback that it hands out holds it weakly.
+/// Observable. Runs on: the main thread, except for MIDI, which goes from each session's queue straight to
+/// the bridge. All its callbacks hold it weakly.
 class RTPMIDIDialer : public std::enable_shared_from_this<RTPMIDIDialer> {
   public:
-    /// Makes a dialer and sets it to work at once.
+    /// Makes a dialer and starts it.
     static std::shared_ptr<RTPMIDIDialer> make(const Platform& platform,
                                                std::shared_ptr<PeerDiscovery> discovery,
                                                std::shared_ptr<CoreMIDIBridge> coreMIDI,
@@ -43,7 +42,7 @@ class RTPMIDIDialer : public std::enable_shared_from_this<RTPMIDIDialer> {
     ~RTPMIDIDialer();
 
     const Published<DialerStatus>& status() const { return status_; }
-    /// The last logged message behind its UTC time, as in "2026-11-16T21:08:03Z 10.0.0.2 running".
+    /// The last logged message after its UTC time, as in "2026-11-16T21:08:03Z 10.0.0.2 running".
     const Published<std::string>& lastEvent() const { return lastEvent_; }
     /// The addresses whose session is running, in ascending text order.
     const Published<std::vector<std::string>>& connectedPeerIPs() const { return connectedPeerIPs_; }
@@ -52,7 +51,7 @@ class RTPMIDIDialer : public std::enable_shared_from_this<RTPMIDIDialer> {
     const Published<bool>& autoConnectEnabled() const { return autoConnectEnabled_; }
     void setAutoConnectEnabled(bool enabled);
 
-    /// Tears every session down and dials again.
+    /// Stops every session and dials again.
     void reconnectNow();
 
     /// Stops every session and forgets them.

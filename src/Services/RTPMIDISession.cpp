@@ -165,7 +165,7 @@ void RTPMIDISession::send(const AppleMIDIPacket& packet, UDPConnection& on) {
     on.send(packet.encode());
 }
 
-// Invitations. A connection that was taken by `stop` may still report ready: it invites nobody any more.
+// Invitations. A connection that `stop` has taken may still report ready: it sends no invitation any more.
 
 void RTPMIDISession::controlConnReady(const UDPConnection& connection) {
     const std::lock_guard lock(mutex_);
@@ -231,8 +231,8 @@ void RTPMIDISession::handleDataControlPacket(const AppleMIDIPacket& packet) {
     }
 }
 
-// Acceptances. The state that they are compared with is stored by the main thread, which may be busy. One
-// that overtakes it is held until the state is there; without that the session would wait forever.
+// Acceptances. They are compared with the state that the main thread stores, possibly late. An acceptance
+// that arrives earlier is held until then; otherwise the session would wait forever.
 
 void RTPMIDISession::acceptanceArrived(Port port, std::uint32_t token) {
     const std::lock_guard lock(mutex_);
@@ -290,7 +290,7 @@ void RTPMIDISession::handleClockSync(const AppleMIDIPacket::ClockSync& packet) {
         send({AppleMIDIPacket::ClockSync{
                  .ssrc = ssrc_, .count = 2, .t1 = packet.t1, .t2 = packet.t2, .t3 = timestamp()}},
              *dataConn_);
-        // A busy main thread takes its time to store it: once is enough.
+        // A busy main thread may store it late: one post is enough.
         if (state_.which == Case::running || std::exchange(isRunningSaid_, true)) return;
         setState({Case::running, {}});
         platform_.log.line("[RTPMIDI] running with " + peerName_);

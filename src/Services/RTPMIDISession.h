@@ -1,7 +1,7 @@
 // One RTP-MIDI session to one peer, on the initiator's side. It never sends MIDI.
 //
-// On the road of a MIDI message: a datagram of the data port reaches `midiPacketReceived` on the network
-// thread without a lock, an allocation or a hop to another thread.
+// On the packet path: a datagram of the data port reaches `midiPacketReceived` on the network thread without
+// a lock, an allocation or a thread switch.
 #pragma once
 
 #include "Models/IPv4Host.h"
@@ -20,17 +20,17 @@
 
 namespace tessary {
 
-/// Invites the peer on its control port, then on its data port, exchanges clocks, and from then on hands on
-/// what arrives, kept alive by a clock heartbeat:
+/// Invites the peer on its control port, then on its data port, exchanges clocks, and then passes on what
+/// arrives, kept alive by a clock heartbeat:
 ///
 ///     idle → invitingControl → invitingData → syncing → running → (failed →) idle
 ///
 /// Owned by `std::shared_ptr`. The owner constructs it, sets the two callbacks, calls `start`, and later
-/// `stop` before it lets go. Every handler that the session registers holds it weakly.
+/// `stop` before it releases the session. Every handler that the session registers holds it weakly.
 ///
 /// Threads: construction, `start`, `state` and `stateDidChange` belong to the main thread, everything that
 /// arrives to the session's own queue; `stop` runs on either. A short lock guards what both touch; it is held
-/// across the sending of a session packet, so that nothing leaves after an end-of-session packet, and never
+/// across the sending of a session packet, so that nothing is sent after an end-of-session packet, and never
 /// across a callback.
 class RTPMIDISession : public std::enable_shared_from_this<RTPMIDISession> {
   public:
@@ -49,7 +49,7 @@ class RTPMIDISession : public std::enable_shared_from_this<RTPMIDISession> {
     static constexpr std::uint16_t controlLocalPort = 51204;
     static constexpr std::uint16_t dataLocalPort = 51205;
 
-    /// Does no input or output but reading, and the first time writing, the persistent SSRC.
+    /// Does no input or output except reading the persistent SSRC, or writing it the first time.
     RTPMIDISession(const Platform& platform, std::string peerName, IPv4Host host, std::uint16_t controlPort,
                    std::string localName);
 
@@ -67,8 +67,8 @@ class RTPMIDISession : public std::enable_shared_from_this<RTPMIDISession> {
     /// Begins the handshake; does nothing unless the state is `idle`.
     void start();
 
-    /// Ends the session from any state: end-of-session packets leave on the ports that were invited before
-    /// this returns, the connections are cancelled 0.1 seconds later, and the state becomes `idle`.
+    /// Ends the session from any state: end-of-session packets are sent on the invited ports before this
+    /// returns, the connections are cancelled 0.1 seconds later, and the state becomes `idle`.
     ///
     /// Runs on: the main thread or the session's queue.
     void stop();
@@ -127,7 +127,7 @@ class RTPMIDISession : public std::enable_shared_from_this<RTPMIDISession> {
     std::shared_ptr<UDPConnection> dataConn_;
     std::uint32_t controlToken_ = 0; ///< of the last invitation; 0: none sent
     std::uint32_t dataToken_ = 0;
-    /// Tokens of acceptances that arrived while a state was on its way; decided once it is stored.
+    /// Tokens of acceptances that arrived before the state was stored; decided then.
     std::optional<std::uint32_t> heldControlAcceptance_;
     std::optional<std::uint32_t> heldDataAcceptance_;
     std::shared_ptr<Timer> ckTimer_;

@@ -6,8 +6,7 @@ namespace tessary {
 
 namespace {
 
-/// A datagram that comes later than this many others is not late: its sender counts anew (RFC 3550, appendix
-/// A.1).
+/// A datagram this far behind is not late: its sender has restarted its count (RFC 3550, appendix A.1).
 constexpr int mostMisordered = 100;
 
 } // namespace
@@ -63,7 +62,7 @@ void SystemExclusive::resume() {
 
 void SystemExclusive::append(std::uint8_t byte) {
     if (segment_->discarded || (isRepeated_ && segment_ == pending_)) return;
-    // The last place is kept for the F7.
+    // The last byte is kept for the F7.
     if (segment_->length + 1 < longestMessage)
         bytesOf(*segment_)[segment_->length++] = byte;
     else
@@ -72,7 +71,7 @@ void SystemExclusive::append(std::uint8_t byte) {
 
 void SystemExclusive::suspend() {
     if (segment_ != &scratch_ || isRepeated_) return;
-    // An unused place, else that of the sender who was silent longest.
+    // An unused slot, otherwise that of the sender silent for longest.
     Message& place =
         *std::min_element(messages_.begin(), messages_.end() - 1, [](const Message& a, const Message& b) {
             return a.inUse != b.inUse ? !a.inUse : a.lastUse < b.lastUse;

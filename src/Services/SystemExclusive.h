@@ -1,5 +1,4 @@
-// Joins the segments of long System Exclusive messages, for each sender by itself. On the road of a MIDI
-// message.
+// Joins the segments of long System Exclusive messages, separately for each sender. On the packet path.
 #pragma once
 
 #include <array>
@@ -14,8 +13,8 @@ namespace tessary {
 /// section 3.2): F0 … F0 first, F7 … F0 between, F7 … F7 last, or F7 … F4 to cancel it. A sender is known by
 /// its RTP SSRC.
 ///
-/// A message that cannot be completed any more (a sequence number is missing, it grew too long) is discarded,
-/// and its remaining segments are swallowed with it, so that they are not taken for commands.
+/// A message that cannot be completed (a sequence number is missing, it is too long) is discarded together
+/// with its remaining segments, so that their bytes are not taken for commands.
 ///
 /// Runs on: the network thread. Allocates: at construction alone; pages that no message needs are never
 /// touched.
@@ -23,13 +22,13 @@ class SystemExclusive {
   public:
     /// The longest message, F0 and F7 included.
     static constexpr std::size_t longestMessage = 32'000;
-    /// SSRCs are the sender's to choose: so many may be in the middle of a message, then the longest silent
-    /// one loses its place.
+    /// SSRCs are untrusted: at most this many partial messages are kept, and the least recently used is
+    /// evicted.
     static constexpr std::size_t mostSenders = 64;
 
     SystemExclusive();
 
-    /// Says which datagram the bytes that follow stand in.
+    /// Begins a datagram: the following calls refer to it.
     void beginDatagram(std::uint32_t ssrc, std::uint16_t sequenceNumber);
 
     /// Whether this sender is in the middle of a message.

@@ -78,7 +78,7 @@ class Desktop:
         return self
 
     def start_display(self):
-        # By default it starts afresh whenever its last client leaves, and loses who connects at that moment.
+        # By default it resets when its last client leaves, and loses clients that connect at that moment.
         self.display = self.process("Xvfb", "-displayfd", "1", "-noreset", "-screen", "0", "480x320x24",
                                     "-nolisten", "tcp")
         self.variables["DISPLAY"] = ":" + self.display.wait_for(r"^(\d+)$")[1][1]
@@ -171,7 +171,7 @@ class Desktop:
         self._menu("Event", "isvu", "0", event, "i", "0", "0")
 
     def monitor(self):
-        """What the program tells of its item and its menu without being asked, a line each."""
+        """The signals of the program's item and menu, one per line."""
         service, _ = self.wait_for_item()
         process = self.process("gdbus", "monitor", "--session", "--dest", service)
         process.wait_for("is owned by")

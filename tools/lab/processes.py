@@ -11,7 +11,7 @@ import time
 
 
 def until(condition, timeout, what):
-    """Asks again and again; for what nobody tells us of."""
+    """Polls a condition that no event reports."""
     deadline = time.monotonic() + timeout
     while not (result := condition()):
         if time.monotonic() > deadline:
@@ -36,7 +36,7 @@ class Process:
         self.pid = self.popen.pid  # each program of the prefix becomes the next
         self._reader = None
         if stdout is None:
-            # Room for what it says while this reader does not run: some wait for room, others drop what they heard.
+            # Room for output while this reader does not run: some programs block on a full pipe, others drop lines.
             fcntl.fcntl(self.popen.stdout, fcntl.F_SETPIPE_SZ, 1 << 20)
             self._reader = threading.Thread(target=self._read, daemon=True)
             self._reader.start()

@@ -119,7 +119,7 @@ class JackServer:
 
 
 class Receiver(Process):
-    """A JACK client that is not ours. It is connected to the program's source, and hears its messages."""
+    """A foreign JACK client, connected to the program's source, which prints its messages."""
 
     COMMAND = ("jack_midi_dump",)
 

@@ -19,12 +19,12 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto answerTimeout = 10s;
-/// A process that hangs is noticed even if nothing is asked of it.
+/// A process that hangs is noticed even if no request is sent.
 constexpr auto pingInterval = 60s;
 constexpr auto maxRestartDelay = 30s;
 /// A process that has run for so long is restarted at once.
 constexpr auto quietTime = 60s;
-/// How soon a full socket is tried again.
+/// A full socket is tried again after this time.
 constexpr auto sendRetryDelay = 10ms;
 /// Requests for a process that does not read: more than all names that may be listed.
 constexpr std::size_t maxOut = std::size_t{4} << 20;
@@ -48,7 +48,7 @@ DiscoveryProcess::~DiscoveryProcess() {
     reap();
 }
 
-// Its life
+// Start and end
 
 void DiscoveryProcess::start() {
     startedAt_ = Clock::now();
@@ -88,7 +88,7 @@ void DiscoveryProcess::end(const std::string& reason) {
     const std::string status = reap();
     log_.line("[Discovery] discovery process " + (reason.empty() ? status : reason) +
               "; what was found stays");
-    // A daemon or a bus that never answers: the embedded responder needs neither.
+    // The daemon or the bus never answers: the embedded responder needs neither.
     if (!hasAnswered_ && Clock::now() - startedAt_ >= answerTimeout) responder_ = Responder::embedded;
     for (auto* timer : {&ping_, &answer_, &retry_})
         cancel(*timer);
@@ -98,11 +98,11 @@ void DiscoveryProcess::end(const std::string& reason) {
     restartDelay_ = std::clamp<std::chrono::seconds>(2 * restartDelay_, 1s, maxRestartDelay);
 }
 
-/// Ends the process and says how it has ended.
+/// Ends the process and returns how it has ended.
 std::string DiscoveryProcess::reap() {
     socket_ = {};
     if (process_ == 0) return {};
-    kill(process_, SIGKILL); // to no effect if it has ended by itself
+    kill(process_, SIGKILL); // has no effect if it has ended by itself
     int status = 0;
     while (waitpid(process_, &status, 0) < 0 && errno == EINTR)
         continue;
@@ -116,7 +116,7 @@ std::string DiscoveryProcess::reap() {
     return std::string("was ended by ") + strsignal(WTERMSIG(status));
 }
 
-// What is said
+// Messages
 
 void DiscoveryProcess::send(const Request& request) {
     if (process_ == 0) return;
@@ -133,7 +133,7 @@ void DiscoveryProcess::flush() {
         after(retry_, sendRetryDelay, &DiscoveryProcess::flush); // an error shows at the reading, too
 }
 
-/// Asks for a sign of life: not every request has an answer of its own.
+/// Pings the process: not every request has an answer of its own.
 void DiscoveryProcess::ask() {
     encode(Ping{}, out_);
     answer_ = loop_.at(Clock::now() + answerTimeout, [this] {

@@ -38,8 +38,8 @@ class DiscoveryProcess final : private EventLoop::Reader {
     /// Ends the process.
     ~DiscoveryProcess() override;
 
-    /// Sends a request, and expects that the process says something within ten seconds. Dropped while there
-    /// is no process: `started` comes before the next one hears anything.
+    /// Sends a request, and expects a message from the process within ten seconds. Dropped while there is no
+    /// process: `started` is called before the next process gets any request.
     void send(const Request& request);
 
   private:

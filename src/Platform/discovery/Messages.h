@@ -71,15 +71,15 @@ struct EndBrowse {
     auto fields() { return std::tie(browse); }
 };
 
-/// Answered by `Resolved` or `Unresolved` once. From then on each change is told by another `Resolved`, until
-/// `EndResolve`. The same number may be asked for again, with the same service, to be answered again.
+/// Answered by `Resolved` or `Unresolved` once. From then on each change is reported by another `Resolved`,
+/// until `EndResolve`. The same number may be asked for again, with the same service, to be answered again.
 struct Resolve {
     std::uint32_t resolution = 0;
     std::string name;
     std::string type;
     std::string domain;
     std::uint32_t timeout = 0; ///< in milliseconds, from the moment the question is on the network
-    IPv4Host known;            ///< the host's address as last told; 0.0.0.0: none
+    IPv4Host known;            ///< the host's address as last reported; 0.0.0.0: none
     auto fields() { return std::tie(resolution, name, type, domain, timeout, known); }
 };
 

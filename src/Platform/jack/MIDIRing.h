@@ -1,5 +1,5 @@
-// Hands MIDI messages from one thread to another. On the road of a MIDI message: no lock, no heap allocation,
-// no system call, no waiting on either side.
+// Passes MIDI messages from one thread to another. On the packet path: no lock, no heap allocation, no system
+// call, no waiting on either side.
 #pragma once
 
 #include <algorithm>

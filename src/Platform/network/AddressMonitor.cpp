@@ -37,7 +37,7 @@ AddressMonitor::AddressMonitor(EventLoop& loop, std::function<void()> changed)
 }
 
 void AddressMonitor::readable() {
-    std::array<char, 4096> news; // what it says is not read, only that it says something
+    std::array<char, 4096> news; // only the arrival of a message counts, not its content
     // A burst that overran the socket is a change like any other.
     if (recv(netlink_.file(), news.data(), news.size(), 0) < 0 && errno != ENOBUFS) return;
     if (std::exchange(isSettling_, true)) return;

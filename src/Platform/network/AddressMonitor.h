@@ -1,4 +1,4 @@
-// Tells when this machine's own IPv4 addresses or routes have changed.
+// Reports changes of this machine's IPv4 addresses or routes.
 #pragma once
 
 #include "Models/IPv4Host.h"

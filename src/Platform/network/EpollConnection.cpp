@@ -11,20 +11,20 @@ namespace tessary {
 
 namespace {
 
-/// An app that is just starting opens its port within seconds; the invitation is repeated at this pace.
+/// An app that is starting opens its port within seconds; the invitation is repeated at this interval.
 constexpr auto retryPause = std::chrono::seconds(1);
 
-/// How soon a socket that could not be opened is tried again: files run out while many devices are there, and
-/// another user's program may hold the port.
+/// A socket that could not be opened is tried again after this time: files run out while there are many
+/// devices, and another user's program may hold the port.
 constexpr auto reopenDelay = std::chrono::seconds(5);
 
-/// The network is not there now. It may come back, and says so by itself.
+/// There is no route now. `AddressMonitor` reports when that changes.
 bool isNoRoute(int error) {
     return error == ENETUNREACH || error == EHOSTUNREACH || error == ENETDOWN || error == EADDRNOTAVAIL;
 }
 
-/// The network's answer (ICMP) to an earlier datagram. It shows once, at the next call, whichever that is,
-/// and the socket is as good as before. Such an answer can be forged, so none may end anything.
+/// An ICMP error in answer to an earlier datagram. The next call on the socket reports it once; the socket
+/// stays usable. ICMP can be forged, so such an error must not end anything.
 bool isAnswer(int error) {
     switch (error) {
     case ECONNREFUSED:
@@ -72,7 +72,7 @@ void EpollConnection::open() {
 void EpollConnection::openLater() {
     loop_.at(EventLoop::Clock::now() + reopenDelay, [weak = weak_from_this()] {
         const auto self = weak.lock();
-        if (self && self->openError_) self->open(); // a change of addresses may have opened it meanwhile
+        if (self && self->openError_) self->open(); // a change of addresses may have opened it already
     });
 }
 
@@ -120,7 +120,7 @@ void EpollConnection::readable() {
     } else if (errno == ECONNREFUSED) {
         refused();
     } else if (errno != EAGAIN && !isAnswer(errno) && !isNoRoute(errno)) {
-        handOn({}, {errno, std::system_category()}); // EAGAIN: a send has met the answer that waited here
+        handOn({}, {errno, std::system_category()}); // EAGAIN: a send has taken the pending error
     }
 }
 
@@ -152,7 +152,7 @@ void EpollConnection::send(std::span<const std::uint8_t> datagram) {
             error = isSent ? 0 : errno;
         };
         attempt();
-        if (isAnswer(error)) { // to an earlier datagram; it has kept this one from leaving
+        if (isAnswer(error)) { // reported in place of sending this one
             wasRefused = error == ECONNREFUSED;
             attempt();
         }

@@ -1,4 +1,4 @@
-// One connected UDP socket on the network thread. On the road of a MIDI message.
+// One connected UDP socket on the network thread. On the packet path.
 #pragma once
 
 #include "Platform/UDPConnection.h"
@@ -12,11 +12,11 @@
 
 namespace tessary {
 
-/// What the network thread holds of a connection. Its owner holds a handle, which only posts to it and sends.
+/// The network thread's part of a connection. Its owner holds a handle, which only posts to it and sends.
 ///
-/// An answer of the network (ICMP) does not mean that the socket is broken: the receive goes on, and what was
-/// to be sent is sent. Port unreachable means that nobody listens there now: as long as the peer was never
-/// heard, the connection reports ready again a second later.
+/// An ICMP error does not mean that the socket is broken: receiving continues, and the datagram is sent
+/// again. Port unreachable means that the port is closed now: until a datagram from the peer has arrived, the
+/// connection reports ready again a second later.
 ///
 /// Runs on: the network thread, but for `send` and `silence`.
 class EpollConnection final : public EventLoop::Reader, public std::enable_shared_from_this<EpollConnection> {
@@ -30,14 +30,14 @@ class EpollConnection final : public EventLoop::Reader, public std::enable_share
 
     void setHandlers(UDPHandlers handlers) { handlers_ = std::move(handlers); }
 
-    /// Opens the socket and reports ready. While there is no way to the peer it waits for one. Any other
-    /// error is reported once, as failed, and the socket is tried again every five seconds.
+    /// Opens the socket and reports ready. Without a route to the peer it waits for one. Any other error is
+    /// reported once, as failed, and the socket is tried again every five seconds.
     void open();
 
     /// Sends one datagram at once. Runs on: any thread.
     void send(std::span<const std::uint8_t> datagram);
 
-    /// From now on no handler is entered. Runs on: any thread.
+    /// No handler is entered from now on. Runs on: any thread.
     void silence() { isSilent_ = true; }
 
     /// Closes the socket without a report.
@@ -46,14 +46,14 @@ class EpollConnection final : public EventLoop::Reader, public std::enable_share
     /// Reports cancelled and closes.
     void cancel();
 
-    /// Another connection is starting. If it is one between the same ports, what the peer sends is that one's
-    /// from now on: the kernel gives it to the socket that was opened last, so this one opens none any more.
+    /// Another connection is starting. If it is between the same ports, the kernel delivers the peer's
+    /// datagrams to the socket opened last, so this connection never opens its socket again.
     void anotherStarts(const EpollConnection& other);
 
-    /// This machine's addresses have changed: a socket that is bound to one that is gone is opened anew.
+    /// This machine's addresses have changed: opens the socket again if its local address is gone.
     void addressesChanged(const std::vector<IPv4Host>& own);
 
-    /// One datagram, or one error, waits at the socket.
+    /// One datagram or one error is pending.
     void readable() override;
 
   private:

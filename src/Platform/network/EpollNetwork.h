@@ -1,4 +1,4 @@
-// UDP connections, serial queues and timers on one network thread. On the road of a MIDI message.
+// UDP connections, serial queues and timers on one network thread. On the packet path.
 #pragma once
 
 #include "Platform/UDPConnection.h"
@@ -8,13 +8,13 @@
 
 namespace tessary {
 
-/// Whether other programs' work may keep the network thread waiting.
+/// Whether the network thread competes with ordinary work for the processor.
 enum class Scheduling {
     ordinary,
     realTime, ///< as far as the machine grants it
 };
 
-/// Every queue that it makes is served by the one thread, so each is serial, and so are all of them together.
+/// One thread serves all its queues, so each is serial, and so are all of them together.
 class EpollNetwork : public UDPNetwork {
   public:
     /// Starts the thread.

@@ -22,12 +22,12 @@ EventLoop::EventLoop()
     : epoll_(checked(epoll_create1(EPOLL_CLOEXEC)))
     , wakeUp_(checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)))
     , alarm_(checked(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK))) {
-    add(wakeUp_.file(), EPOLLIN | EPOLLET, &posted_); // each write to it counts, and nobody needs to read it
+    add(wakeUp_.file(), EPOLLIN | EPOLLET, &posted_); // each write to it triggers, so it never has to be read
     add(alarm_.file(), EPOLLIN, &timers_);
 }
 
 EventLoop::~EventLoop() {
-    // What is dropped may cancel timers and post in turn.
+    // Dropped work may cancel timers and post again.
     while (!posted_.empty() || !timers_.empty()) {
         std::exchange(posted_, {}).clear();
         std::exchange(timers_, {}).clear();
@@ -41,8 +41,8 @@ void EventLoop::run() {
 
 bool EventLoop::serveOne(int timeout) {
     thread_ = std::this_thread::get_id();
-    // One at a time: no reader is called that another one has just closed, and the kernel sees to it that
-    // they take turns.
+    // One event at a time: a reader that another one has just closed is never called, and the kernel lets
+    // files take turns.
     epoll_event event;
     if (epoll_wait(epoll_.file(), &event, 1, timeout) != 1) return false;
     if (event.data.ptr == &posted_)
@@ -84,7 +84,7 @@ void EventLoop::post(std::function<void()> work) {
     {
         const std::lock_guard lock(mutex_);
         posted_.push_back(std::move(work));
-        if (posted_.size() > 1) return; // a wake-up is on its way
+        if (posted_.size() > 1) return; // already woken
     }
     wake();
 }
@@ -104,7 +104,7 @@ void EventLoop::runPosted() {
     }
     for (auto& work : batch) {
         if (isStopping_) return;
-        std::exchange(work, nullptr)(); // and what it owns goes with it
+        std::exchange(work, nullptr)(); // and releases what it owns
     }
 }
 
@@ -118,12 +118,12 @@ EventLoop::TimerID EventLoop::at(Clock::time_point due, std::function<void()> wo
 }
 
 void EventLoop::cancel(const TimerID& timer) {
-    const auto dropped = timers_.extract(timer); // what it owns goes once the map is whole again
+    const auto dropped = timers_.extract(timer); // released once the map is consistent
     setAlarm();
 }
 
 void EventLoop::runTimers() {
-    alarmTime_ = Clock::time_point::min(); // it has rung, and goes on until it is set again
+    alarmTime_ = Clock::time_point::min(); // it has expired, and stays readable until it is set again
     const auto now = Clock::now();
     while (!timers_.empty() && timers_.begin()->first.first <= now && !isStopping_) {
         const auto due = timers_.extract(timers_.begin());

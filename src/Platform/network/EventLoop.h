@@ -1,4 +1,4 @@
-// One thread's event loop: files that become readable, posted work, timers. On the road of a MIDI message.
+// One thread's event loop: files that become readable, posted work, timers. On the packet path.
 #pragma once
 
 #include "Platform/system/OpenFile.h"
@@ -15,14 +15,14 @@
 
 namespace tessary {
 
-/// Between the kernel's answer that a file is readable and its reader stands one virtual call. Files take
-/// turns, one read each, however much waits at one of them.
+/// One virtual call leads from the kernel's event to the file's reader. Files take turns, one read each,
+/// however much is pending on one of them.
 class EventLoop {
   public:
     using Clock = std::chrono::steady_clock;
     using TimerID = std::pair<Clock::time_point, std::uint64_t>;
 
-    /// Called when its file has something to read, which it does without waiting.
+    /// Called when its file is readable; reads without blocking.
     class Reader {
       public:
         virtual ~Reader() = default;
@@ -33,18 +33,17 @@ class EventLoop {
     EventLoop();
     EventLoop(const EventLoop&) = delete;
     EventLoop& operator=(const EventLoop&) = delete;
-    /// Drops what was posted and has not run. No thread runs the loop any more.
+    /// Drops posted work that has not run. No thread may be running the loop.
     ~EventLoop();
 
     /// Serves files, work and timers until `stop`. The thread that calls this is the loop's.
     void run();
 
-    /// Serves one file, waiting at most `timeout` milliseconds for it (-1: without end); answers whether
-    /// there was one. For a loop that is served from within another one. The thread that calls this is the
-    /// loop's.
+    /// Serves one file, waiting at most `timeout` milliseconds for it (-1: no timeout); returns whether there
+    /// was one. For a loop inside another one. The thread that calls this is the loop's.
     bool serveOne(int timeout);
 
-    /// Readable while something is ready, for a loop around this one.
+    /// Readable while an event is pending, for an enclosing loop.
     int file() const { return epoll_.file(); }
 
     /// Runs on: any thread.
@@ -55,12 +54,13 @@ class EventLoop {
     /// Runs on: any thread. Allocates: yes.
     void post(std::function<void()> work);
 
-    /// Runs `work` at once on the loop's thread, and posts it from any other.
+    /// Runs `work` at once if called on the loop's thread, otherwise posts it.
     void dispatch(std::function<void()> work);
 
-    // From here on: the loop's thread, or any before it runs.
+    // The following run on the loop's thread, or on any thread before the loop runs.
 
-    /// `reader` stays where it is until the file is ignored or closed; the latter it may do in its call too.
+    /// `reader` must stay valid until the file is ignored or closed; it may close its file while it is
+    /// called.
     void watch(int file, Reader& reader);
     void ignore(int file);
 

@@ -10,7 +10,7 @@ namespace tessary {
 
 namespace {
 
-/// What the loop holds of a timer, next to its owner's handle.
+/// The loop's part of a timer, beside its owner's handle.
 class TimerState : public Timer, public std::enable_shared_from_this<TimerState> {
   public:
     TimerState(EventLoop& loop, TimerAlignment alignment, std::function<void(Timer&)> handler)
@@ -53,7 +53,7 @@ class TimerState : public Timer, public std::enable_shared_from_this<TimerState>
         const auto now = EventLoop::Clock::now();
         do
             due_ += every_;
-        while (due_ <= now); // a tick that was missed is not made up for
+        while (due_ <= now); // missed ticks are skipped
         wait();
     }
 

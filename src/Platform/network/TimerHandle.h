@@ -1,4 +1,4 @@
-// What the owner of a timer holds, whatever event loop serves it.
+// The owner's part of a timer, independent of the event loop.
 #pragma once
 
 #include "Platform/Queue.h"
@@ -8,7 +8,7 @@
 
 namespace tessary {
 
-/// The loop holds the timer's state too, and for longer; the owner's last reference cancels it.
+/// The loop shares the timer's state and may outlive this; the owner's last reference cancels it.
 class TimerHandle : public Timer {
   public:
     explicit TimerHandle(std::shared_ptr<Timer> state)

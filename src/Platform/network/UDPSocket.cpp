@@ -14,8 +14,8 @@ namespace tessary {
 
 namespace {
 
-/// A burst while the machine is busy elsewhere waits here; the kernel takes as much of it as it allows. Small
-/// datagrams count about 800 bytes each.
+/// Holds a burst while the machine is busy; the kernel may allow less. Small datagrams count about 800 bytes
+/// each.
 constexpr int receiveBuffer = 1 << 20;
 
 sockaddr_in endpoint(IPv4Host host, std::uint16_t port) {
@@ -35,14 +35,14 @@ bool attachFilter(int file, std::span<sock_filter> filter) {
     return setOption(file, SO_ATTACH_FILTER, &program, sizeof program);
 }
 
-/// Nobody is heard.
+/// Accepts nothing.
 bool hearNobody(int file) {
     std::array filter{sock_filter BPF_STMT(BPF_RET | BPF_K, 0)};
     return attachFilter(file, filter);
 }
 
-/// The peer alone is heard, whatever state the socket is in when the kernel looks it up: between binding and
-/// connecting it would take anybody's datagrams, and one on its way at that moment even later.
+/// Accepts only the peer's datagrams. Attached before bind: between bind and connect the socket would accept
+/// anyone's, and a datagram in flight at that moment even later.
 bool hearOnly(int file, IPv4Host host, std::uint16_t port) {
     constexpr std::uint32_t sourceAddress = 12; // offset in the IPv4 header
     constexpr std::uint32_t sourcePort =
@@ -61,8 +61,7 @@ bool hearOnly(int file, IPv4Host host, std::uint16_t port) {
     return attachFilter(file, filter);
 }
 
-/// Bound to the port together with whoever else shares it: SO_REUSEPORT, because SO_REUSEADDR would let
-/// another user's program in.
+/// Shares the port. SO_REUSEPORT, because with SO_REUSEADDR another user's program could bind it too.
 bool bindShared(int file, std::uint16_t localPort) {
     const int one = 1;
     const sockaddr_in local = endpoint({}, localPort);

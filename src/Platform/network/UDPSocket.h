@@ -1,4 +1,4 @@
-// UDP sockets of which several share one local port.
+// UDP sockets that share one local port.
 #pragma once
 
 #include "Models/IPv4Host.h"
@@ -15,8 +15,8 @@ struct UDPSocketResult {
     std::error_code error;
 };
 
-/// A socket bound to `localPort` of the wildcard address and connected to the peer. It never yields a
-/// datagram of anybody else, not even of the moment between binding and connecting.
+/// A socket bound to `localPort` of the wildcard address and connected to the peer. It never delivers a
+/// datagram from another address, not even one that arrives between bind and connect.
 UDPSocketResult openConnected(std::optional<std::uint16_t> localPort, IPv4Host host,
                               std::uint16_t remotePort);
 

@@ -16,12 +16,12 @@ namespace tessary {
 
 namespace {
 
-/// The first pause before a thread that has stepped down asks again. The kernel forgets what a thread has run
-/// only when it waits with the priority that it was given: one that never does would be killed after some
-/// twenty times of asking. With pauses that double that takes years.
+/// The first delay before a demoted thread asks again; it doubles each time. The kernel resets a thread's run
+/// time only when it waits at real-time priority, so a thread that never waits would be killed after about
+/// twenty requests. With doubling delays that takes years.
 constexpr time_t firstPause = 10;
 
-/// Set in a thread that may ask again.
+/// Set in a thread that may ask for the priority again.
 constinit thread_local int alarmOfThread = -1;
 constinit thread_local time_t pauseOfThread = firstPause;
 
@@ -57,8 +57,8 @@ bool limitRealTimeRun(std::chrono::microseconds longest) {
     return setrlimit(RLIMIT_RTTIME, &limit) == 0;
 }
 
-// The kernel sends the signal to the thread that has run for too long if that one takes it, else to any
-// other.
+// The kernel sends the signal to the thread that overran if that thread does not block it, otherwise to
+// another one.
 void stepDownWhenTold() {
     struct sigaction action {};
     action.sa_handler = stepDown;

@@ -1,4 +1,4 @@
-// Real-time priority for one thread, for as long as it behaves.
+// Real-time priority for one thread, until it overruns.
 #pragma once
 
 #include "Platform/system/OpenFile.h"
@@ -7,21 +7,20 @@
 
 namespace tessary {
 
-/// Ordinary work on a busy machine keeps a thread with real-time priority waiting for microseconds, not
-/// milliseconds. It is had from the kernel where the user's limits allow it (RLIMIT_RTPRIO), else from
-/// RealtimeKit on the system bus, else not at all, and nobody is told.
+/// On a busy machine a thread with real-time priority waits for microseconds, not milliseconds. The kernel
+/// grants it where the user's limits allow it (RLIMIT_RTPRIO), otherwise RealtimeKit on the system bus does;
+/// if neither does, nothing is reported.
 ///
-/// A thread that has it and never waits would shut ordinary work out. So a limit is set with it
-/// (RLIMIT_RTTIME): whoever of this process runs for that long without waiting is sent SIGXCPU by the kernel,
-/// and steps down to ordinary scheduling in the signal's handler, whatever other threads are doing. Without
-/// the handler that would end the process. Some time later the thread asks again, each time after twice as
-/// long.
+/// A real-time thread that never waits would starve ordinary work. So RLIMIT_RTTIME is set too: the kernel
+/// sends SIGXCPU to a thread of this process that runs for that long without waiting, and the signal handler
+/// returns that thread to ordinary scheduling, independent of all other threads. Without the handler the
+/// process would end. The thread asks for the priority again later, after a delay that doubles each time.
 ///
 /// Belongs to one thread, which constructs it and calls everything.
 class RealTimePriority {
   public:
-    /// Below the audio threads of JACK (5 and 10) and PipeWire (20 and more): they have a deadline to keep,
-    /// and need far less than a core. Above all ordinary work.
+    /// Below the audio threads of JACK (5 and 10) and PipeWire (20 and more): they have deadlines, and need
+    /// far less than a core. Above all ordinary work.
     static constexpr int priority = 4;
 
     RealTimePriority();
@@ -29,10 +28,10 @@ class RealTimePriority {
     RealTimePriority& operator=(const RealTimePriority&) = delete;
     ~RealTimePriority();
 
-    /// Asks for the priority. Returns at once; the bus is asked by a thread of its own.
+    /// Asks for the priority. Returns at once; a separate thread calls the bus.
     void ask();
 
-    /// A file that becomes readable when the thread has stepped down and may ask again.
+    /// A file that becomes readable when the thread was demoted and may ask again.
     int timeToAskAgain() const { return alarm_.file(); }
     void askAgain();
 
@@ -40,15 +39,15 @@ class RealTimePriority {
     const OpenFile alarm_;
 };
 
-/// What RealtimeKit demands; enough for any burst, and a machine that hangs for that long is not noticed.
+/// The limit that RealtimeKit requires; enough for any burst.
 constexpr std::chrono::milliseconds longestRealTimeRun{200};
 
-/// Limits how long a thread of this process may run with real-time priority without ever waiting: half of
-/// `longest` until it is told, `longest` until the process is killed.
+/// Limits how long a thread of this process may run at real-time priority without waiting. The soft limit
+/// (SIGXCPU) is half of `longest`, the hard limit (SIGKILL) is `longest`.
 bool limitRealTimeRun(std::chrono::microseconds longest = longestRealTimeRun);
 
-/// Makes the calling thread, and those that it will start, step down when they are told, whoever gave them
-/// their priority. To be called where a library is going to start such threads.
+/// Demotes the calling thread, and threads that it starts later, on SIGXCPU, whatever gave them their
+/// priority. To be called before a library starts real-time threads.
 void stepDownWhenTold();
 
 } // namespace tessary

@@ -11,7 +11,7 @@ namespace tessary {
 
 namespace {
 
-/// The road's deepest call needs a few kilobytes, the sending of a session packet included.
+/// The deepest call on the packet path needs a few kilobytes, including the sending of a session packet.
 constexpr std::size_t stackSize = std::size_t{32} * 1024;
 
 } // namespace

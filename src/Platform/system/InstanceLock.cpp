@@ -35,7 +35,7 @@ InstanceLock::InstanceLock(const std::vector<std::string>& folders) {
 
 InstanceLock::~InstanceLock() {
     if (file_ < 0) return;
-    unlink(path_.c_str()); // first, while nobody else can hold it
+    unlink(path_.c_str()); // first, while no other process can hold it
     close(file_);
 }
 
@@ -57,7 +57,7 @@ bool InstanceLock::lock() {
 std::vector<std::string> InstanceLock::defaultFolders(const std::string& preferences) {
     std::vector<std::string> folders;
     const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-    std::error_code ignored; // a folder that may not be looked at is none to lock in
+    std::error_code ignored; // an inaccessible folder cannot hold the lock
     if (runtime && std::filesystem::path(runtime).is_absolute() &&
         std::filesystem::is_directory(runtime, ignored))
         folders.emplace_back(runtime);

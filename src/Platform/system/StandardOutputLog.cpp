@@ -16,18 +16,18 @@ namespace tessary {
 
 namespace {
 
-/// Hours of ordinary lines, a second or two of a storm.
+/// Hours of ordinary lines, a second or two of heavy logging.
 constexpr std::size_t mostWaiting = std::size_t{256} * 1024;
 
 constexpr auto flushPatience = std::chrono::milliseconds(200);
 
-/// Whether all of it could be written; waits for the reader.
+/// Returns whether all of it was written; blocks while the reader does not read.
 bool writeAll(int fileDescriptor, std::string_view text) {
     while (!text.empty()) {
         const ssize_t written = ::write(fileDescriptor, text.data(), text.size());
         if (written >= 0) {
             text.remove_prefix(static_cast<std::size_t>(written));
-        } else if (errno == EAGAIN) { // somebody made it non-blocking
+        } else if (errno == EAGAIN) { // another process made it non-blocking
             pollfd room{.fd = fileDescriptor, .events = POLLOUT, .revents = 0};
             poll(&room, 1, -1);
         } else if (errno != EINTR) {

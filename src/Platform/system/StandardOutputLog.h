@@ -7,15 +7,15 @@
 
 namespace tessary {
 
-/// Writes each line at once, by a thread of its own, so that a reader who stalls holds up nobody else. What
-/// waits for such a reader is bounded; lines past that are dropped. Once the reader is gone all are.
+/// A separate thread writes each line at once, so that a stalled reader blocks nothing else. The backlog is
+/// bounded; further lines are dropped. Without a reader all are.
 class StandardOutputLog : public Log {
   public:
     explicit StandardOutputLog(int fileDescriptor);
 
     StandardOutputLog(const StandardOutputLog&) = delete;
     StandardOutputLog& operator=(const StandardOutputLog&) = delete;
-    /// Waits a moment until everything is written, but not for a reader who takes nothing.
+    /// Waits briefly until everything is written, but not for a reader that does not read.
     ~StandardOutputLog() override;
 
     void line(std::string_view text) override;

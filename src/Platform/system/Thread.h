@@ -6,13 +6,13 @@
 
 namespace tessary {
 
-/// Starts a thread that no signal is delivered to: signals are the main thread's affair.
+/// Starts a thread with all signals blocked: the main thread handles signals.
 ///
 /// @param name  what debuggers and `ps -L` show, at most 15 characters
-/// Errors: throws std::system_error if the system has no room for another thread.
+/// Errors: throws std::system_error if no thread can be created.
 std::thread startThread(const char* name, std::function<void()> body);
 
-/// Starts a thread that nothing waits for, and answers whether there was room for it.
+/// Starts a detached thread; returns whether that was possible.
 bool startDetachedThread(const char* name, std::function<void()> body);
 
 } // namespace tessary
