@@ -112,7 +112,7 @@ void AppDelegate::rebuildMenu() {
 
     if (const std::string& lastEvent = *dialer_->lastEvent(); !lastEvent.empty()) {
         items.push_back(information(lastEvent));
-        items.back().style = TextStyle{.points = 10.0, .isMonospaced = true, .isSecondary = true};
+        items.back().style = TextStyle{.points = 10.0, .isMonospaced = true};
         items.push_back(MenuItem::separator());
     }
     items.push_back(command("Quit Tessary Link", "terminate",

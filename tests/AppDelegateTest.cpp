@@ -136,7 +136,7 @@ TEST_F(AppDelegateTest, MenuFromDialingToConnected) {
     const auto& items = machine.statusBar.menu->items;
     const MenuItem& event = items[items.size() - 3];
     EXPECT_TRUE(event.title.ends_with(" 10.0.0.2 running")) << event.title;
-    EXPECT_EQ(event.style, (TextStyle{10.0, true, true}));
+    EXPECT_EQ(event.style, (TextStyle{10.0, true}));
     EXPECT_TRUE(items[items.size() - 2].isSeparator);
     EXPECT_FALSE(event.isEnabled);
 }

@@ -15,7 +15,6 @@ namespace tessary {
 struct TextStyle {
     double points = 0;
     bool isMonospaced = false;
-    bool isSecondary = false; ///< in the colour of less important text
 
     friend bool operator==(const TextStyle&, const TextStyle&) = default;
 };
@@ -60,15 +59,12 @@ class Menu {
 };
 
 enum class StatusItemLength {
-    variable, ///< as wide as its content
-    square,   ///< as wide as the status area is high
+    square, ///< as wide as the status area is high
 };
 
 /// What the desktop's user may do with the item there: any sum of these.
 enum class StatusItemBehavior : unsigned {
     none = 0,
-    removalAllowed = 1,
-    terminationOnRemoval = 2,
 };
 
 class StatusItem {

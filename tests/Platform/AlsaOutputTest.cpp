@@ -1,7 +1,7 @@
 #include "Platform/alsa/AlsaOutput.h"
 
 #include "Platform/alsa/PacedSender.h"
-#include "Platform/alsa/SequencerEvent.h"
+#include "Platform/alsa/SequencerEncoder.h"
 
 #include "support/Fakes.h"
 
@@ -84,26 +84,32 @@ std::vector<Bytes> everyShortMessage() {
     return messages;
 }
 
-TEST(SequencerEventTest, EveryDefinedMessageComesBackByteForByte) {
+TEST(SequencerEncoderTest, EveryDefinedMessageComesBackByteForByte) {
+    SequencerEncoder encoder;
     for (const Bytes& message : everyShortMessage()) {
-        const auto event = sequencerEvent(0, 0, message);
+        const auto event = encoder.encode(0, 0, message);
         ASSERT_TRUE(event) << testing::PrintToString(message);
         EXPECT_EQ(bytesOf(*event), message);
     }
     for (const Bytes& exclusive :
          {systemExclusive(3), systemExclusive(256), Bytes{0xF0, 0xF7}, Bytes{1, 2, 3}, Bytes{0xF7}}) {
-        const auto event = sequencerEvent(0, 0, exclusive);
+        const auto event = encoder.encode(0, 0, exclusive);
         ASSERT_TRUE(event);
         EXPECT_EQ(bytesOf(*event), exclusive);
     }
 }
 
-TEST(SequencerEventTest, WhatTheSequencerCannotCarryIsNoEvent) {
+TEST(SequencerEncoderTest, WhatTheSequencerCannotCarryIsNoEvent) {
+    SequencerEncoder encoder;
     const std::vector<Bytes> messages{{},         {0xF4},    {0xF5},          {0xF9},          {0xFD},
                                       {0x90, 60}, {0xC0},    {0xC0, 1, 2},    {0xE0, 1},       {0xF8, 0},
                                       {0xF2, 1},  {0xF6, 1}, {0x90, 60, 128}, {0xB0, 0x90, 1}, {0xD0, 0xFF}};
-    for (const Bytes& message : messages)
-        EXPECT_FALSE(sequencerEvent(0, 0, message)) << testing::PrintToString(message);
+    for (const Bytes& message : messages) {
+        EXPECT_FALSE(encoder.encode(0, 0, message)) << testing::PrintToString(message);
+        const auto next = encoder.encode(0, 0, note(1));
+        ASSERT_TRUE(next);
+        EXPECT_EQ(bytesOf(*next), note(1)) << "after " << testing::PrintToString(message);
+    }
 }
 
 /// Keeps what a sender sends, and when.

@@ -1,7 +1,7 @@
 #include "Platform/alsa/AlsaOutput.h"
 
 #include "Platform/alsa/PacedSender.h"
-#include "Platform/alsa/SequencerEvent.h"
+#include "Platform/alsa/SequencerEncoder.h"
 
 #include <array>
 #include <cerrno>
@@ -58,6 +58,7 @@ class AlsaOutput::Client {
 
     Log& log_;
     snd_seq_t* sequencer_ = nullptr;
+    SequencerEncoder encoder_;
     std::optional<PacedSender> sender_; ///< exactly while there is a port
 };
 
@@ -107,7 +108,7 @@ void AlsaOutput::Client::closePort() {
 }
 
 int AlsaOutput::Client::send(std::uint64_t hostTime, std::span<const std::uint8_t> bytes) {
-    auto event = sequencerEvent(portNumber, hostTime, bytes);
+    auto event = encoder_.encode(portNumber, hostTime, bytes);
     return event ? snd_seq_event_output_direct(sequencer_, &*event) : 0;
 }
 

@@ -74,7 +74,8 @@ class PacedSender {
     static constexpr std::chrono::milliseconds groupPause{5};
 
     /// Sends a whole short message, or a piece of System Exclusive of at most `pieceSize` bytes. Entered on
-    /// the publishing thread and on this object's own; with System Exclusive never on both at a time.
+    /// the publishing thread and on this object's own; with real-time messages on the former alone, with all
+    /// others never on both at a time.
     using Send = std::function<void(std::uint64_t hostTime, std::span<const std::uint8_t> bytes)>;
     /// The present subscribers. Entered on this object's thread.
     using Subscribers = std::function<std::vector<Subscriber>()>;

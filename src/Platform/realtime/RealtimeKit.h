@@ -14,7 +14,7 @@ namespace tessary {
 ///                      without ever waiting. Answers whether that worked.
 /// @return whether the thread now has it
 ///
-/// Runs on: a thread that may wait, for as long as the bus does not answer. Errors: none reported.
+/// Runs on: a thread that may wait, up to 90 s for a bus that does not answer. Errors: none reported.
 bool askRealtimeKit(pid_t thread, int priority,
                     const std::function<bool(std::chrono::microseconds)>& limitRunTime);
 

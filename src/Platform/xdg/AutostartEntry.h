@@ -1,4 +1,4 @@
-// Start at login as desktops do it: a desktop entry in the user's autostart folder.
+// Start at login on a desktop: an entry in the user's autostart folder.
 #pragma once
 
 #include "Platform/LoginService.h"
@@ -8,44 +8,35 @@
 
 namespace tessary {
 
-/// The entry `tessary-link.desktop` (freedesktop.org: Desktop Entry, Autostart). The
-/// user's file overrides a system-wide one of the same name whole. It is replaced at once, so that at every
-/// moment it is the old one or the new one, and all that a user has put into it stays.
-///
-/// A file that is no desktop entry is set aside under another name at the next change: some desktops start
-/// what they can make out in such a file, so it can neither be edited safely nor left in place.
+/// The entry `tessary-link.desktop` (freedesktop.org: Desktop Entry, Autostart). The user's file overrides
+/// system-wide ones of the same name. It is replaced atomically and keeps all that this class does not
+/// change.
 class AutostartEntry : public LoginService {
   public:
-    struct Folders {
-        std::filesystem::path user;                 ///< made if need be
-        std::vector<std::filesystem::path> systems; ///< the more important ones first
-    };
-
     /// @param executable  the program to start, an absolute path
-    explicit AutostartEntry(std::filesystem::path executable, const Folders& folders = defaultFolders());
+    /// @param folders     where desktops look for entries: the user's folder, made if need be, then the
+    ///                    system's, the more important ones first
+    explicit AutostartEntry(std::filesystem::path executable,
+                            const std::vector<std::filesystem::path>& folders = defaultFolders());
 
-    /// `autostart` in `$XDG_CONFIG_HOME` and in each of `$XDG_CONFIG_DIRS`, by default in `~/.config` and
-    /// `/etc/xdg` (XDG Base Directory).
-    static Folders defaultFolders();
+    /// `autostart` in the configuration folders of the XDG Base Directory specification.
+    static std::vector<std::filesystem::path> defaultFolders();
 
-    /// Makes the entry start the program; where it already does, through a command line of the user's own,
-    /// that command line stays.
+    /// Makes the entry start the program. A command line that already does so stays, with its options.
+    /// Errors: a file that cannot be read, parsed or written, which is left as it is.
     std::optional<LoginServiceError> registerProgram() override;
 
-    /// Removes the file, or hides the entry if the file holds more than this class writes or if a system-wide
-    /// entry would come to light.
+    /// Hides the entry: the file stays, and overrides system-wide ones. Errors: as for `registerProgram`.
     std::optional<LoginServiceError> unregisterProgram() override;
 
-    /// Enabled if the file that counts is an entry that is not hidden, not switched off, and names a program
-    /// that is there.
+    /// Enabled if the file that counts is neither hidden nor disabled by a desktop's settings, and names a
+    /// program that is installed.
     LoginServiceStatus status() const override;
 
   private:
-    bool isStartedBySystem() const;
-
     const std::filesystem::path executable_;
-    const std::filesystem::path file_;
-    std::vector<std::filesystem::path> systemFiles_;
+    std::vector<std::filesystem::path>
+        files_; ///< the user's, then the system's: the first that exists counts
 };
 
 } // namespace tessary
