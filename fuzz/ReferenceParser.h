@@ -1,9 +1,9 @@
-// A second parser of RTP-MIDI datagrams: slow, with a vector for everything, and nothing of the program's
-// own.
+// A second parser of RTP-MIDI datagrams: slow, with a vector for everything, and none of the program's code.
 #pragma once
 
 #include <cstdint>
 #include <list>
+#include <utility>
 #include <vector>
 
 namespace tessary::fuzz {
@@ -15,9 +15,8 @@ class ReferenceParser {
     /// The messages of one datagram, in order.
     std::vector<Bytes> parse(const Bytes& datagram) {
         published_.clear();
-        if (datagram.size() < 13) return {};
-        const std::size_t header = 12 + 4 * (datagram[0] % 16);
-        if (datagram.size() <= header) return {};
+        const std::size_t header = datagram.empty() ? 0 : 12 + 4 * (datagram[0] % 16);
+        if (datagram.size() <= header || datagram.size() < 13) return {};
         const std::uint8_t flags = datagram[header];
         std::size_t length = flags % 16, start = header + 1;
         if (flags & 0x80) {
@@ -25,13 +24,10 @@ class ReferenceParser {
             length = length * 256 + datagram[start++];
         }
         if (start + length > datagram.size()) return {};
-        list_.assign(datagram.begin() + static_cast<std::ptrdiff_t>(start),
-                     datagram.begin() + static_cast<std::ptrdiff_t>(start + length));
-        at_ = 0;
+        const auto list = datagram.begin() + static_cast<std::ptrdiff_t>(start);
+        list_.assign(list, list + static_cast<std::ptrdiff_t>(length));
 
-        ssrc_ = 0;
-        for (std::size_t i = 8; i < 12; ++i)
-            ssrc_ = ssrc_ * 256 + datagram[i];
+        ssrc_.assign(datagram.begin() + 8, datagram.begin() + 12);
         sequence_ = datagram[2] * 256 + datagram[3];
         arrive();
         if (!(flags & 0x10)) running_ = 0;
@@ -40,14 +36,14 @@ class ReferenceParser {
     }
 
   private:
-    static constexpr std::size_t longest = 32'000, mostSenders = 64;
+    static constexpr std::size_t maxMessage = 32'000, maxSenders = 64;
 
     /// The beginning of a System Exclusive message whose end has not come yet.
     struct Unfinished {
-        std::uint32_t ssrc = 0;
+        Bytes ssrc;
         int sequence = 0;
-        bool isSpoiled = false;
         Bytes bytes;
+        bool isSpoiled = false;
     };
     enum class End { whole, more, cancelled, cut, missing };
 
@@ -62,41 +58,35 @@ class ReferenceParser {
 
     /// A repeated or late datagram leaves the unfinished message alone; a gap spoils it.
     void arrive() {
-        isLate_ = false;
-        Unfinished* message = mine();
-        if (!message) return;
-        const int ahead = (sequence_ - message->sequence + 65536) % 65536;
+        const Unfinished* const message = mine();
+        const int ahead = message ? (sequence_ - message->sequence + 65536) % 65536 : 1;
         isLate_ = ahead == 0 || ahead > 65536 - 100;
-        if (isLate_) return;
-        if (ahead != 1) message->isSpoiled = true;
-        message->sequence = sequence_;
-        Unfinished latest = *message;
+        if (!message || isLate_) return;
+        Unfinished latest{ssrc_, sequence_, message->bytes, message->isSpoiled || ahead != 1};
         forgetMine();
-        unfinished_.push_back(latest); // the front one has been silent longest
+        unfinished_.push_back(std::move(latest)); // the front one has been silent longest
     }
 
-    void parseList(bool timeFirst) {
-        bool isTimeNext = timeFirst;
-        while (at_ < list_.size()) {
+    void parseList(bool isTimeNext) {
+        for (std::size_t at = 0; at < list_.size();) {
             if (isTimeNext) {
-                while (at_ < list_.size() && list_[at_] > 127)
-                    ++at_;
-                ++at_; // its last byte
-                if (at_ >= list_.size()) return;
+                while (at < list_.size() && list_[at] > 127)
+                    ++at;
+                if (++at >= list_.size()) return;
             }
             isTimeNext = true;
-            const bool hasStatus = list_[at_] > 127;
-            if (hasStatus) running_ = list_[at_++];
+            const bool hasStatus = list_[at] > 127;
+            if (hasStatus) running_ = list_[at++];
             if (running_ == 0) return;
             if (hasStatus && (running_ == 0xF0 || (mine() && (running_ == 0xF7 || running_ == 0xF4)))) {
-                isTimeNext = systemExclusive() != End::cut;
+                isTimeNext = systemExclusive(at) != End::cut;
                 continue;
             }
             if (hasStatus && running_ < 0xF8) forgetMine();
             Bytes message{running_};
             for (int left = dataBytes(running_); left > 0; --left) {
-                if (at_ >= list_.size()) return;
-                message.push_back(list_[at_++]);
+                if (at >= list_.size()) return;
+                message.push_back(list_[at++]);
             }
             published_.push_back(message);
         }
@@ -104,32 +94,33 @@ class ReferenceParser {
 
     static int dataBytes(int status) {
         if (status < 0xC0 || (status >= 0xE0 && status < 0xF0) || status == 0xF2) return 2;
-        if (status < 0xE0 || status == 0xF1 || status == 0xF3) return 1;
-        return 0;
+        return status < 0xE0 || status == 0xF1 || status == 0xF3 ? 1 : 0;
     }
 
-    End systemExclusive() {
-        const std::uint8_t head = running_;
-        running_ = 0;
-        if (head == 0xF4) {
-            forgetMine();
-            return End::cancelled;
+    /// A whole message, or a segment of one, from behind its first byte on.
+    End systemExclusive(std::size_t& at) {
+        const std::uint8_t head = std::exchange(running_, std::uint8_t{0});
+        Unfinished message = head == 0xF0 ? Unfinished{ssrc_, sequence_, {0xF0}} : *mine();
+        const End end = head == 0xF4 ? End::cancelled : segment(at, message.bytes);
+        if (head != 0xF0 && isLate_) return end;
+        forgetMine();
+        message.isSpoiled |= message.bytes.size() + 1 > maxMessage;
+        if (end == End::more && !isLate_) {
+            if (unfinished_.size() == maxSenders) unfinished_.pop_front();
+            unfinished_.push_back(message);
         }
-        if (head == 0xF0) forgetMine();
-        Bytes data;
-        const End end = segment(data);
-        if (head == 0xF0)
-            first(data, end);
-        else
-            next(data, end);
+        if (end == End::whole && !message.isSpoiled) {
+            message.bytes.push_back(0xF7);
+            published_.push_back(message.bytes);
+        }
         return end;
     }
 
-    End segment(Bytes& data) {
-        while (at_ < list_.size()) {
-            const std::uint8_t byte = list_[at_++];
+    End segment(std::size_t& at, Bytes& bytes) {
+        while (at < list_.size()) {
+            const std::uint8_t byte = list_[at++];
             if (byte < 0x80)
-                data.push_back(byte);
+                bytes.push_back(byte);
             else if (byte >= 0xF8)
                 published_.push_back({byte});
             else if (byte == 0xF7)
@@ -138,44 +129,15 @@ class ReferenceParser {
                 return End::more;
             else if (byte == 0xF4)
                 return End::cancelled;
-            else {
-                --at_; // a command
-                return End::cut;
-            }
+            else
+                return --at, End::cut; // a command
         }
         return End::missing;
     }
 
-    void first(const Bytes& data, End end) {
-        Unfinished message{ssrc_, sequence_, data.size() + 2 > longest, {0xF0}};
-        message.bytes.insert(message.bytes.end(), data.begin(), data.end());
-        if (end == End::whole) publishWhole(message);
-        if (end != End::more || isLate_) return;
-        if (unfinished_.size() == mostSenders) unfinished_.pop_front();
-        unfinished_.push_back(message);
-    }
-
-    void next(const Bytes& data, End end) {
-        if (isLate_) return;
-        Unfinished& message = *mine();
-        message.bytes.insert(message.bytes.end(), data.begin(), data.end());
-        if (message.bytes.size() + 1 > longest) message.isSpoiled = true;
-        if (end == End::whole) publishWhole(message);
-        if (end != End::more) forgetMine();
-    }
-
-    void publishWhole(const Unfinished& message) {
-        if (message.isSpoiled) return;
-        Bytes whole = message.bytes;
-        whole.push_back(0xF7);
-        published_.push_back(whole);
-    }
-
     std::vector<Bytes> published_;
-    Bytes list_;
-    std::size_t at_ = 0;
+    Bytes list_, ssrc_;
     std::uint8_t running_ = 0;
-    std::uint32_t ssrc_ = 0;
     int sequence_ = 0;
     bool isLate_ = false;
     std::list<Unfinished> unfinished_;

@@ -9,65 +9,47 @@ using namespace tessary::test;
 
 namespace {
 
-struct LoginItemManagerTest : testing::Test {
-    FakeMachine machine;
-    FakeLoginService& service = machine.loginService;
-
-    /// How often observers are told while `action` runs.
-    static int notifications(LoginItemManager& manager, const std::function<void()>& action) {
-        int count = 0;
-        const auto flag = manager.isEnabled.observe([&] { ++count; });
-        const auto error = manager.lastError.observe([&] { ++count; });
-        action();
-        return count;
-    }
+struct LoginItemManagerTest : testing::Test, FakeMachine {
+    LoginItemManager manager{platform()};
+    int notifications = 0;
+    const std::function<void()> count = [this] { ++notifications; };
+    const Observation flag = manager.isEnabled.observe(count);
+    const Observation error = manager.lastError.observe(count);
 };
 
 } // namespace
 
 TEST_F(LoginItemManagerTest, ShowsWhatTheServiceReports) {
-    service.isRegistered = true;
-    LoginItemManager manager(machine.platform());
+    loginService.isRegistered = true; // changed in the desktop's settings
+    EXPECT_TRUE(*LoginItemManager(platform()).isEnabled);
+    manager.refresh();
     EXPECT_TRUE(*manager.isEnabled);
-    EXPECT_EQ(*manager.lastError, std::nullopt);
+    EXPECT_EQ(notifications, 1);
 
-    service.isRegistered = false; // by hand, in the desktop's settings
-    EXPECT_EQ(notifications(manager, [&] { manager.refresh(); }), 1);
-    EXPECT_FALSE(*manager.isEnabled);
-
-    service.registeredStatus = LoginServiceStatus{2}; // registered, but the user has to approve it
+    manager.setEnabled(true); // asked although it is registered
+    EXPECT_EQ(loginService.calls, 1);
+    EXPECT_EQ(notifications, 1);
+    loginService.registeredStatus = LoginServiceStatus{2}; // registered, but the user has to approve it
     manager.setEnabled(true);
     EXPECT_FALSE(*manager.isEnabled);
+    loginService.registeredStatus = LoginServiceStatus::enabled;
+    manager.setEnabled(false);
+    EXPECT_FALSE(*manager.isEnabled);
     EXPECT_EQ(*manager.lastError, std::nullopt);
-    EXPECT_TRUE(machine.log.lines.empty());
+    EXPECT_TRUE(log.lines.empty());
 }
 
 TEST_F(LoginItemManagerTest, AFailureIsKeptUntilTheNextSuccess) {
-    LoginItemManager manager(machine.platform());
-    service.error = LoginServiceError{"No space", "cannot write /x: No space"};
-    EXPECT_EQ(notifications(manager, [&] { manager.setEnabled(true); }), 1);
-    EXPECT_FALSE(*manager.isEnabled);
-    EXPECT_EQ(*manager.lastError, "No space");
-    EXPECT_EQ(machine.log.lines,
-              (std::vector<std::string>{"[LoginItem] toggle failed: cannot write /x: No space"}));
-
-    manager.refresh();
-    EXPECT_EQ(*manager.lastError, "No space");
-    service.isRegistered = true; // somehow, although the change fails again
+    loginService.error = LoginServiceError{"No space", "cannot write /x: No space"};
+    loginService.isRegistered = true; // the change fails, and another program has registered it meanwhile
     manager.setEnabled(false);
     EXPECT_TRUE(*manager.isEnabled);
+    manager.refresh();
+    EXPECT_EQ(*manager.lastError, "No space");
+    EXPECT_EQ(log.lines, std::vector<std::string>{"[LoginItem] toggle failed: cannot write /x: No space"});
 
-    service.error.reset();
-    EXPECT_EQ(notifications(manager, [&] { manager.setEnabled(true); }), 1);
+    loginService.error.reset();
+    manager.setEnabled(true);
     EXPECT_EQ(*manager.lastError, std::nullopt);
-}
-
-TEST_F(LoginItemManagerTest, AsksTheServiceEvenForWhatItAlreadyHas) {
-    service.isRegistered = true;
-    LoginItemManager manager(machine.platform());
-    EXPECT_EQ(notifications(manager, [&] { manager.setEnabled(true); }), 0);
-    EXPECT_EQ(service.calls, 1);
-    manager.setEnabled(false);
-    EXPECT_EQ(service.calls, 2);
-    EXPECT_FALSE(*manager.isEnabled);
+    EXPECT_EQ(notifications, 3);
 }

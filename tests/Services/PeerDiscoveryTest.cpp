@@ -3,6 +3,7 @@
 #include "support/Fakes.h"
 
 #include <gtest/gtest.h>
+#include <sstream>
 
 using namespace tessary;
 using namespace tessary::test;
@@ -11,214 +12,185 @@ namespace {
 
 const std::string midi = "_apple-midi._udp";
 const std::string marker = "_tessarylink._tcp";
-const std::string trustedKey = "TessaryLink.trustedPeerIPs.v1";
 
-class PeerDiscoveryTest : public testing::Test {
-  protected:
-    std::shared_ptr<PeerDiscovery> makeStarted() {
-        auto made = std::make_shared<PeerDiscovery>(machine.platform());
-        made->peersDidChange = std::function<void()>([this] { ++changes; });
-        made->start();
-        return made;
-    }
-    void see(const std::string& type, const std::vector<std::string>& names) {
-        machine.serviceDiscovery.browser(type).see(names);
-        machine.time.run();
-    }
-    FakeResolver& resolver(const std::string& type, const std::string& name) {
-        const auto found = machine.serviceDiscovery.resolver(type, name);
-        if (!found) throw std::out_of_range(name);
-        return *found;
-    }
-    /// "ip name port" of each peer.
-    std::set<std::string> peers() const {
-        std::set<std::string> texts;
-        for (const PeerHost& peer : *discovery->tessaryPeers)
-            texts.insert(peer.ip + " " + peer.displayName + " " + std::to_string(peer.port));
-        return texts;
-    }
-    using Peers = std::set<std::string>;
+using Texts = std::vector<std::string>;
 
-    FakeMachine machine;
+struct PeerDiscoveryTest : testing::Test, FakeMachine {
+    void restart() {
+        serviceDiscovery.browsers.clear();
+        discovery = std::make_shared<PeerDiscovery>(platform());
+        discovery->peersDidChange = std::function<void()>([this] { ++changes; });
+        discovery->start();
+    }
+    void SetUp() override { restart(); }
+
+    void see(const std::string& type, const Texts& names) {
+        serviceDiscovery.browser(type).see(names);
+        time.run();
+    }
+    /// The browser sees these services, "name host port, …" at 10.0.0.host; those that are new are resolved.
+    void find(const std::string& type, const std::string& services) {
+        std::istringstream fields(services);
+        std::map<std::string, std::pair<std::string, int>> found;
+        Texts names;
+        std::string name, host;
+        for (int port = 0; fields >> name >> host >> port; fields.ignore(1)) {
+            names.push_back(name);
+            found[name] = {"10.0.0." + host, port};
+        }
+        see(type, names);
+        for (const auto& [each, endpoint] : found)
+            if (const auto resolver = serviceDiscovery.resolver(type, each); !resolver->isStopped)
+                resolver->succeed({endpoint.first}, endpoint.second);
+    }
+    /// The peers in the same form.
+    std::string peers() const {
+        std::set<std::string> sorted;
+        for (const PeerHost& each : *discovery->tessaryPeers)
+            sorted.insert(each.displayName + " " + each.ip.substr(7) + " " + std::to_string(each.port));
+        std::string all;
+        for (const std::string& each : sorted)
+            all += (all.empty() ? "" : ", ") + each;
+        return all;
+    }
+
     int changes = 0;
-    std::shared_ptr<PeerDiscovery> discovery = makeStarted();
+    std::shared_ptr<PeerDiscovery> discovery;
 };
 
 } // namespace
 
+TEST_F(PeerDiscoveryTest, JoinsAServiceWithTheMarkerAtItsAddress) {
+    struct Case {
+        std::string rule, services, markers, peers;
+    };
+    const std::vector<Case> cases{
+        {"the address decides, not the name", "B 2 5006, A 3 5004", "A 2 1", "B 2 5006"},
+        {"a port is 1 to 65535", "A 1 -1, B 2 0, C 3 1, D 4 65535, E 5 65536",
+         "A 1 1, B 2 1, C 3 1, D 4 1, E 5 1", "C 3 1, D 4 65535"},
+        {"of several at an address the one with the marker's name counts", "A 2 5006, B 2 5004, C 2 5008",
+         "B 2 1", "B 2 5004"},
+        {"a marker of that name at another address does not count", "A 2 5006, B 2 5004", "A 2 1, B 3 1",
+         "A 2 5006"},
+        {"of two marked services the second counts", "A 2 5006, B 2 5004", "A 2 1, B 2 1", "B 2 5004"},
+    };
+    for (const auto& [rule, services, markers, expected] : cases) {
+        restart();
+        find(midi, services);
+        EXPECT_EQ(peers(), "") << rule;
+        find(marker, markers);
+        EXPECT_EQ(peers(), expected) << rule;
+    }
+}
+
+TEST_F(PeerDiscoveryTest, TakesTheFirstAddress) {
+    find(marker, "m 2 1");
+    see(midi, {"IPv6 alone", "A"});
+    serviceDiscovery.resolver(midi, "IPv6 alone")->succeed({}, 5004);
+    serviceDiscovery.resolver(midi, "A")->succeed({"10.0.0.2", "10.0.0.1"}, 5004);
+    EXPECT_EQ(peers(), "A 2 5004");
+    EXPECT_EQ(discovery->appleMidiResolved->size(), 1u);
+}
+
 TEST_F(PeerDiscoveryTest, StartsBothBrowsersOnceOnItsQueue) {
     discovery->start();
-    EXPECT_EQ(machine.serviceDiscovery.browsers.size(), 2u);
-    EXPECT_EQ(machine.serviceDiscovery.labels, std::vector<std::string>{"tessary.link-discovery"});
-    EXPECT_EQ(machine.serviceDiscovery.browser(midi).queue, machine.serviceDiscovery.queue);
-    machine.serviceDiscovery.browser(marker).handlers.failed("Access denied");
-    EXPECT_EQ(machine.log.lines,
-              std::vector<std::string>{"[Discovery] browser _tessarylink._tcp failed: Access denied"});
+    EXPECT_EQ(serviceDiscovery.browsers.size(), 2u);
+    EXPECT_EQ(serviceDiscovery.labels, Texts{"tessary.link-discovery"});
+    EXPECT_EQ(serviceDiscovery.browser(midi).queue, serviceDiscovery.queue);
+    serviceDiscovery.browser(marker).handlers.failed("Access denied");
+    EXPECT_EQ(log.lines, Texts{"[Discovery] browser _tessarylink._tcp failed: Access denied"});
 }
 
-TEST_F(PeerDiscoveryTest, JoinsBothServicesByAddress) {
-    see(midi, {"B", "plain"});
-    see(marker, {"A"});
-    resolver(midi, "plain").succeed({"192.168.1.30"}, 5004);
-    resolver(midi, "B").succeed({"192.168.1.20"}, 5006);
-    EXPECT_EQ(peers(), Peers{});
+TEST_F(PeerDiscoveryTest, ReportsAddressesThatComeAndGoAndNothingElse) {
+    find(midi, "old 2 5004");
     EXPECT_EQ(changes, 0);
-    resolver(marker, "A").succeed({"192.168.1.20"}, 1);
-    EXPECT_EQ(peers(), Peers{"192.168.1.20 B 5006"});
+    find(marker, "m 2 1");
     EXPECT_EQ(changes, 1);
-    EXPECT_EQ(resolver(midi, "B").domain, "local.");
-    EXPECT_EQ(resolver(midi, "B").timeout, 5s);
+
+    find(midi, "old 2 5004, new 2 5006");
+    see(midi, {"new"});
+    EXPECT_EQ(peers(), "new 2 5006") << "another record at the same address is stored";
+    EXPECT_EQ(changes, 1);
 
     see(marker, {});
-    EXPECT_EQ(peers(), Peers{});
+    EXPECT_EQ(peers(), "");
     EXPECT_EQ(changes, 2);
-    EXPECT_EQ(discovery->appleMidiResolved->size(), 2u); // the other type's map is its own
+    EXPECT_EQ(discovery->appleMidiResolved->size(), 1u) << "a list removes names of its own type alone";
 }
 
-TEST_F(PeerDiscoveryTest, OneResolverAKeyAndNoneForKnownNames) {
+TEST_F(PeerDiscoveryTest, ResolvesEachNameOnceUntilItFailsOrLeaves) {
+    const auto& resolvers = serviceDiscovery.resolvers;
     see(midi, {"same"});
     see(midi, {"same", "same"});
     see(marker, {"same"});
-    EXPECT_EQ(machine.serviceDiscovery.resolvers.size(), 2u);
-    EXPECT_EQ(discovery->resolvers->size(), 2u);
-    resolver(midi, "same").succeed({"10.0.0.2"}, 5004);
-    resolver(marker, "same").succeed({"10.0.0.2"}, 5004);
-    see(midi, {"same"});
-    EXPECT_EQ(machine.serviceDiscovery.resolvers.size(), 2u);
-    EXPECT_EQ(peers(), Peers{"10.0.0.2 same 5004"});
+    ASSERT_EQ(resolvers.size(), 2u);
+    EXPECT_EQ(resolvers[0]->domain, "local.");
+    EXPECT_EQ(resolvers[0]->timeout, 5s);
 
-    see(midi, {});
+    resolvers[0]->fail("Timeout reached");
+    EXPECT_TRUE(resolvers[0]->isStopped);
+    EXPECT_EQ(log.lines, Texts{"[Resolver] didNotResolve same: Timeout reached"});
+    find(midi, "same 2 5004");
+    find(marker, "same 2 1");
     see(midi, {"same"});
-    EXPECT_EQ(machine.serviceDiscovery.resolvers.size(), 3u);
-}
-
-TEST_F(PeerDiscoveryTest, AFailedResolutionIsALineAndIsTriedAgainAtTheNextBatch) {
-    see(midi, {"iPad"});
-    const auto first = machine.serviceDiscovery.resolver(midi, "iPad");
-    first->fail("Timeout reached");
-    EXPECT_TRUE(first->isStopped);
+    see(marker, {"same"});
+    EXPECT_EQ(resolvers.size(), 3u);
     EXPECT_TRUE(discovery->resolvers->empty());
-    see(midi, {"iPad"});
-    EXPECT_NE(machine.serviceDiscovery.resolver(midi, "iPad"), first);
-    EXPECT_EQ(machine.log.lines, std::vector<std::string>{"[Resolver] didNotResolve iPad: Timeout reached"});
-}
-
-TEST_F(PeerDiscoveryTest, TheFirstCallbackOfAResolverDecidesAndEachFailureIsALine) {
-    see(midi, {"iPad"});
-    see(marker, {"iPad"});
-    resolver(marker, "iPad").succeed({"10.0.0.2"}, 1);
-    const auto held = discovery->resolvers->at(midi + "|iPad"); // as a callback in progress would hold it
-    resolver(midi, "iPad").succeed({"10.0.0.2"}, 5004);
-    resolver(midi, "iPad").fail("late");
-    resolver(midi, "iPad").succeed({"10.0.0.3"}, 5005);
-    EXPECT_EQ(peers(), Peers{"10.0.0.2 iPad 5004"});
-    EXPECT_EQ(machine.log.count("[Resolver] didNotResolve iPad: late"), 1u);
-}
-
-TEST_F(PeerDiscoveryTest, ALateSuccessIsStoredUntilTheNextBatch) {
-    see(marker, {"m"});
-    resolver(marker, "m").succeed({"10.0.0.2"}, 1);
-    see(midi, {"iPad"});
     see(midi, {});
-    resolver(midi, "iPad").succeed({"10.0.0.2"}, 5004);
-    EXPECT_EQ(peers(), Peers{"10.0.0.2 iPad 5004"});
+    see(midi, {"same"});
+    EXPECT_EQ(resolvers.size(), 4u);
+}
+
+TEST_F(PeerDiscoveryTest, TheFirstCallbackOfAResolverDecidesEvenAfterItsServiceHasLeft) {
+    find(marker, "m 2 1");
+    see(midi, {"A"});
     see(midi, {});
-    EXPECT_EQ(peers(), Peers{});
-}
-
-TEST_F(PeerDiscoveryTest, TakesTheFirstAddressAndAPortThatIsOne) {
-    see(marker, {"m"});
-    resolver(marker, "m").succeed({"10.0.0.2"}, 1);
-    for (const int port : {-1, 0, 65536}) {
-        see(midi, {"iPad"});
-        resolver(midi, "iPad").succeed({"10.0.0.2"}, port);
-        EXPECT_EQ(peers(), Peers{}) << port;
-    }
-    see(midi, {"iPad"});
-    resolver(midi, "iPad").succeed({}, 5004); // no address that can be dialled
-    EXPECT_EQ(peers(), Peers{});
-    see(midi, {"iPad"});
-    resolver(midi, "iPad").succeed({"10.0.0.2", "10.0.0.1"}, 65535);
-    EXPECT_EQ(peers(), Peers{"10.0.0.2 iPad 65535"});
-}
-
-TEST_F(PeerDiscoveryTest, AnotherRecordAtAKnownAddressReplacesTheOldInSilence) {
-    see(marker, {"m"});
-    resolver(marker, "m").succeed({"10.0.0.2"}, 1);
-    see(midi, {"old"});
-    resolver(midi, "old").succeed({"10.0.0.2"}, 5004);
-    see(midi, {"old", "new"});
-    resolver(midi, "new").succeed({"10.0.0.2"}, 5006);
-    EXPECT_EQ(discovery->tessaryPeers->size(), 1u);
-    int notifications = 0;
-    const auto observation = discovery->tessaryPeers.observe([&] { ++notifications; });
-    see(midi, {"new"});
-    EXPECT_EQ(peers(), Peers{"10.0.0.2 new 5006"});
-    EXPECT_EQ(changes, 1);
-    EXPECT_EQ(notifications, 0);
-}
-
-TEST_F(PeerDiscoveryTest, OfTwoServicesAtAnAddressTheOneWithTheMarkersNameCounts) {
-    see(midi, {"Drums", "Piano", "Zither"});
-    see(marker, {"Piano"});
-    resolver(midi, "Drums").succeed({"10.0.0.2"}, 5006);
-    resolver(midi, "Zither").succeed({"10.0.0.2"}, 5008);
-    resolver(midi, "Piano").succeed({"10.0.0.2"}, 5004);
-    EXPECT_EQ(peers(), Peers{});
-    resolver(marker, "Piano").succeed({"10.0.0.2"}, 5004);
-    EXPECT_EQ(peers(), Peers{"10.0.0.2 Piano 5004"});
-    see(midi, {"Drums", "Zither"});
-    EXPECT_EQ(peers().size(), 1u); // either of them
-    EXPECT_EQ(changes, 1);
+    const auto held = discovery->resolvers->at(midi + "|A"); // as a callback in progress would hold it
+    const auto resolver = serviceDiscovery.resolver(midi, "A");
+    resolver->succeed({"10.0.0.2"}, 5004);
+    resolver->fail("late");
+    resolver->succeed({"10.0.0.3"}, 5005);
+    EXPECT_EQ(peers(), "A 2 5004");
+    EXPECT_EQ(log.lines, Texts{"[Resolver] didNotResolve A: late"});
+    see(midi, {});
+    EXPECT_EQ(peers(), "");
 }
 
 TEST_F(PeerDiscoveryTest, TrustedAddressesNeedNoMarkerAndOutliveTheProgram) {
-    see(midi, {"iPad"});
-    resolver(midi, "iPad").succeed({"10.0.0.2"}, 5004);
+    find(midi, "A 2 5004");
     discovery->markIPTrusted("10.0.0.9");
     discovery->markIPTrusted("10.0.0.2");
-    EXPECT_EQ(peers(), Peers{}); // never inside the call
-    machine.time.run();
-    EXPECT_EQ(peers(), Peers{"10.0.0.2 iPad 5004"});
-    const int writes = machine.preferences.writes;
+    EXPECT_EQ(peers(), "") << "recomputed inside the call";
+    time.run();
+    EXPECT_EQ(peers(), "A 2 5004");
     discovery->markIPTrusted("10.0.0.2");
-    EXPECT_EQ(machine.preferences.writes, writes);
-    EXPECT_EQ(machine.mainQueue->waiting(), 0u);
+    EXPECT_EQ(preferences.writes, 2);
+    EXPECT_EQ(mainQueue->waiting(), 0u);
+    restart();
+    EXPECT_EQ(*discovery->trustedIPs, (std::set<std::string>{"10.0.0.2", "10.0.0.9"}));
 
-    machine.serviceDiscovery.browsers.clear();
-    discovery = makeStarted();
-    see(midi, {"iPad"});
-    resolver(midi, "iPad").succeed({"10.0.0.2"}, 5004);
-    EXPECT_EQ(peers(), Peers{"10.0.0.2 iPad 5004"});
-}
-
-TEST_F(PeerDiscoveryTest, OneElementThatIsNoTextSpoilsTheStoredAddresses) {
-    machine.preferences.values[trustedKey] =
+    // One element that is no text spoils the list.
+    preferences.values["TessaryLink.trustedPeerIPs.v1"] =
         std::vector<std::optional<std::string>>{"10.0.0.2", std::nullopt};
-    EXPECT_TRUE(std::make_shared<PeerDiscovery>(machine.platform())->trustedIPs->empty());
-    machine.preferences.values[trustedKey] = 5u;
-    const auto fresh = std::make_shared<PeerDiscovery>(machine.platform());
-    EXPECT_TRUE(fresh->trustedIPs->empty());
-    fresh->markIPTrusted("10.0.0.7");
-    EXPECT_EQ(machine.preferences.array(trustedKey), std::vector<std::optional<std::string>>{"10.0.0.7"});
+    restart();
+    EXPECT_TRUE(discovery->trustedIPs->empty());
 }
 
 TEST_F(PeerDiscoveryTest, PostedWorkHoldsTheDiscoveryAndNothingElseDoes) {
-    auto& browser = machine.serviceDiscovery.browser(midi);
-    const auto late = browser.handlers.resultsChanged;
-    machine.mainQueue->holdBack();
-    browser.see({"iPad"});
-    machine.time.run();
+    const auto late = serviceDiscovery.browser(midi).handlers.resultsChanged;
+    mainQueue->holdBack();
+    see(midi, {"A"});
     const std::weak_ptr<PeerDiscovery> weak = discovery;
     discovery.reset();
     EXPECT_FALSE(weak.expired());
-    machine.mainQueue->release();
-    machine.time.run();
+    mainQueue->release();
+    time.run();
     EXPECT_TRUE(weak.expired());
     late({{"late", midi, "local.", 2}});
-    EXPECT_EQ(machine.mainQueue->waiting(), 0u);
-    EXPECT_TRUE(resolver(midi, "iPad").isStopped);
-    resolver(midi, "iPad").succeed({"10.0.0.2"}, 5004);
-    resolver(midi, "iPad").fail("late");
-    EXPECT_TRUE(machine.log.lines.empty());
+    EXPECT_EQ(mainQueue->waiting(), 0u);
+    const auto resolver = serviceDiscovery.resolver(midi, "A");
+    EXPECT_TRUE(resolver->isStopped);
+    resolver->succeed({"10.0.0.2"}, 5004);
+    resolver->fail("late");
+    EXPECT_TRUE(log.lines.empty());
 }

@@ -355,10 +355,12 @@ struct FakeStatusItem : StatusItem {
 struct FakeStatusBar : StatusBar {
     std::shared_ptr<StatusItem> makeStatusItem(StatusItemLength given) override {
         length = given;
+        if (duringMakeStatusItem) duringMakeStatusItem();
         return item = std::make_shared<FakeStatusItem>();
     }
     std::shared_ptr<Menu> makeMenu() override { return menu = std::make_shared<FakeMenu>(); }
 
+    std::function<void()> duringMakeStatusItem;
     std::optional<StatusItemLength> length;
     std::shared_ptr<FakeStatusItem> item;
     std::shared_ptr<FakeMenu> menu;
@@ -406,9 +408,10 @@ struct FakeMachine {
     FakeLoginService loginService;
     FakeText text;
 
-    Platform platform() {
-        return {application, *mainQueue,   network, serviceDiscovery, midiOutput, preferences,
-                statusBar,   loginService, time,    random,           text,       log};
+    Platform platform() { return platform(serviceDiscovery); }
+    Platform platform(ServiceDiscovery& discovery) {
+        return {application, *mainQueue,   network, discovery, midiOutput, preferences,
+                statusBar,   loginService, time,    random,    text,       log};
     }
 };
 

@@ -154,35 +154,45 @@ Packet = collections.namedtuple("Packet", "time destination local remote outgoin
                                           "t1 t2 t3 malformed")
 
 
-class Capture:
-    """The session packets on the first interface of the program's host, as tshark reads them. `peer` is the address
-    of any other host: datagrams to its discard port mark where the capture begins and ends."""
+class Tshark(Process):
+    """The datagrams on the first interface of a host, a row of these fields each, as tshark dissects them. `peer` is
+    the address of any other host: datagrams to its discard port mark where the capture begins and ends."""
 
-    FIELDS = ("frame.time_epoch", "ip.dst", "udp.srcport", "udp.dstport", "applemidi.command",
-              "applemidi.name", "_ws.malformed", "applemidi.initiator_token", "applemidi.sender_ssrc",
-              "applemidi.count", "applemidi.timestamp1", "applemidi.timestamp2", "applemidi.timestamp3")
-
-    def __init__(self, test, host, peer):
+    def __init__(self, test, host, peer, datagrams, fields):
         self._host, self._peer = host, peer
-        fields = [part for field in self.FIELDS for part in ("-e", field)]
-        # MIDI is left out: there is much of it, and tshark has to keep pace.
-        self._tshark = Process(test, ["tshark", "-i", "lan", "-n", "-l", "-T", "fields", *fields, "-f",
-                                      "udp dst port 9 or (udp portrange 51204-51205 and udp[8:2] = 0xffff)"], host)
-        until(lambda: self._mark() or self._tshark.lines, 20, "tshark captures")
+        options = [part for field in ("udp.dstport", *fields) for part in ("-e", field)]
+        super().__init__(test, ["tshark", "-i", "lan", "-n", "-l", "-T", "fields", "-E", "aggregator=|", *options,
+                                "-f", f"udp dst port 9 or ({datagrams})"], host)
+        until(lambda: self._mark() or self.lines, 20, "tshark captures")
 
     def _mark(self):
         self._host.run("bash", "-c", f"echo > /dev/udp/{self._peer}/9")
 
+    def rows(self):
+        """Those so far, each with its destination port in front."""
+        marks = len(self.times("^9\t"))
+        self._mark()
+        self.wait_for("^9\t", times=marks + 1)
+        return [line.split("\t") for line in self.lines if not line.startswith("9\t")]
+
+
+class Capture(Tshark):
+    """The session packets of the program's host."""
+
+    FIELDS = ("frame.time_epoch", "ip.dst", "udp.srcport", "applemidi.command",
+              "applemidi.name", "_ws.malformed", "applemidi.initiator_token", "applemidi.sender_ssrc",
+              "applemidi.count", "applemidi.timestamp1", "applemidi.timestamp2", "applemidi.timestamp3")
+
+    def __init__(self, test, host, peer):
+        # MIDI is left out: there is much of it, and tshark has to keep pace.
+        super().__init__(test, host, peer, "udp portrange 51204-51205 and udp[8:2] = 0xffff", self.FIELDS)
+
     def packets(self):
         """Those so far."""
-        marks = len(self._tshark.times("\t9\t"))
-        self._mark()
-        self._tshark.wait_for("\t9\t", times=marks + 1)
-        rows = [line.split("\t") for line in self._tshark.lines]
-        return [self._packet(*row) for row in rows if row[3] != "9"]
+        return [self._packet(*row) for row in self.rows()]
 
     @staticmethod
-    def _packet(moment, destination, source_port, destination_port, command, name, malformed, *numbers):
+    def _packet(destination_port, moment, destination, source_port, command, name, malformed, *numbers):
         ports = int(source_port), int(destination_port)
         outgoing = ports[0] in (CONTROL_PORT, DATA_PORT)
         token, ssrc, *clock = (int(number, 0) if number else None for number in numbers)
