@@ -1,4 +1,4 @@
-// libjack, without which the program starts as well.
+// libjack, loaded when it is needed.
 #pragma once
 
 #include <jack/jack.h>
@@ -8,25 +8,28 @@ namespace tessary {
 
 /// The functions of libjack that the output uses, under their names without `jack_`.
 struct JackLibrary {
-    decltype(&jack_set_error_function) set_error_function;
-    decltype(&jack_set_info_function) set_info_function;
-    decltype(&jack_client_open) client_open;
-    decltype(&jack_client_close) client_close;
-    decltype(&jack_on_shutdown) on_shutdown;
-    decltype(&jack_set_process_callback) set_process_callback;
-    decltype(&jack_activate) activate;
-    decltype(&jack_deactivate) deactivate;
-    decltype(&jack_port_register) port_register;
-    decltype(&jack_port_unregister) port_unregister;
-    decltype(&jack_port_get_buffer) port_get_buffer;
-    decltype(&jack_midi_clear_buffer) midi_clear_buffer;
-    decltype(&jack_midi_event_reserve) midi_event_reserve;
-    decltype(&jack_midi_get_event_count) midi_get_event_count;
-    decltype(&jack_get_cycle_times) get_cycle_times;
-    decltype(&jack_get_time) get_time;
+// NOLINTNEXTLINE(cppcoreguidelines-macro-usage)
+#define TESSARY_JACK_FUNCTIONS(FUNCTION)                                                                     \
+    FUNCTION(set_error_function)                                                                             \
+    FUNCTION(set_info_function)                                                                              \
+    FUNCTION(client_open)                                                                                    \
+    FUNCTION(client_close)                                                                                   \
+    FUNCTION(on_shutdown)                                                                                    \
+    FUNCTION(set_process_callback)                                                                           \
+    FUNCTION(activate)                                                                                       \
+    FUNCTION(port_register)                                                                                  \
+    FUNCTION(port_get_buffer)                                                                                \
+    FUNCTION(midi_clear_buffer)                                                                              \
+    FUNCTION(midi_event_reserve)                                                                             \
+    FUNCTION(midi_get_event_count)                                                                           \
+    FUNCTION(get_cycle_times)                                                                                \
+    FUNCTION(get_time)
+#define TESSARY_DECLARE(name) decltype(&jack_##name) name = nullptr;
+    TESSARY_JACK_FUNCTIONS(TESSARY_DECLARE)
+#undef TESSARY_DECLARE
 
-    /// Loads the library at the first call: where the sequencer serves, its two megabytes are never touched,
-    /// and a machine need not have it. Null if it is not there. It stays loaded.
+    /// Loads the library at the first call, so that a machine without JACK needs no libjack, and one with a
+    /// sequencer does not spend two megabytes on it. Null if it is not installed. It stays loaded.
     ///
     /// Runs on: any thread.
     static const JackLibrary* load();

@@ -1,4 +1,4 @@
-// The virtual MIDI source as an output port of JACK. On the road of a MIDI message.
+// The virtual MIDI source as an output port of JACK. On the packet path.
 #pragma once
 
 #include "Platform/Log.h"
@@ -11,13 +11,13 @@ namespace tessary {
 
 /// One JACK client with one MIDI output port, at a JACK server that is already running; none is ever started.
 ///
-/// A message is played one period after it was stamped, neither earlier nor later, so that the spacing of
-/// messages survives. When the server dies, the client and its port return under the same names once there is
-/// a server again; what is published in between is dropped. So is what a server that has stood still finds
-/// older than a second, note-offs included; one log line says how many messages. Everything that libjack
-/// might block on happens on a thread of this object's own, which sleeps while the server lives.
+/// A message is played exactly one period after it was published, so the spacing of messages survives. When
+/// the server dies, the client and its port return under the same names once there is a server again; what is
+/// published in between is dropped, and so is what is older than a second at its cycle because the server was
+/// stopped, note-offs included; one log line says how many messages. Calls of libjack that may block happen
+/// on a thread of this object's own, which sleeps while the server lives.
 ///
-/// Holds one client and one source at a time. Cheap until `createClient`.
+/// Opened once: one client and one source, created once each.
 class JackOutput : public MIDIOutput {
   public:
     /// @param log  outlives the output
@@ -27,21 +27,21 @@ class JackOutput : public MIDIOutput {
     /// Takes about 200 milliseconds at most, even if the server hangs.
     ~JackOutput() override;
 
-    /// A server that is there but does not answer within 0.3 seconds is no failure: the source appears once
-    /// it does.
+    /// A server that exists but does not answer within 0.3 seconds is no failure: the source appears once it
+    /// answers.
     ///
-    /// Errors: the negated `jack_status_t` of libjack, above all for no server; -EBUSY if there is a client
-    /// already; -EAGAIN if no thread can be made.
+    /// Errors: the negated `jack_status_t` of libjack, above all for no server; -EBUSY after the first call;
+    /// -EAGAIN if no thread can be made.
     MIDIStatus createClient(std::string_view name, MIDIObjectRef& client) override;
 
-    /// Errors: -EINVAL for no client; -EBUSY if there is a source already; -EIO if the server refuses or is
-    /// gone.
+    /// Errors: -EINVAL for no client; -EBUSY after the first call; -EIO if the server refuses.
     MIDIStatus createSource(MIDIObjectRef client, std::string_view name, std::int32_t protocol,
                             MIDIObjectRef& source) override;
 
     /// Does nothing: JACK knows ports by their names.
     void setUniqueID(MIDIObjectRef source, std::int32_t uniqueID) override;
 
+    /// The port stays until the client is disposed of; nothing more is played on it.
     void disposeSource(MIDIObjectRef source) override;
     void disposeClient(MIDIObjectRef client) override;
 
