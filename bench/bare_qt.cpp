@@ -1,4 +1,4 @@
-// A Qt program that does nothing: what the launch of any of them costs.
+// A Qt program that does nothing: the reference for the time to launch.
 
 #include <QApplication>
 #include <QTimer>

@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
-"""What one device's notes suffer while another floods the program with garbage: losses and latency. Needs root.
+"""Losses and latency of one device's notes while another device floods the program with garbage. Needs root.
 
-    python3 bench/flood.py [runs of each kind] [seconds of each] [garbage a second]
+    python3 bench/flood.py [runs of each kind] [seconds per run] [garbage datagrams per second]
 
-Quiet and flooded runs take turns. A device plays 1,000 notes a second, which are counted at a JACK client, and starts 200
-clock exchanges a second from the same port, which wait for the same thread. The latency is that between the arrival
-of a clock packet at the program's interface and the departure of its answer. On a machine that does other work too, put
-`chrt -f 10` in front.
+Quiet and flooded runs alternate. A device plays 1,000 notes a second, which a JACK client counts, and starts 200 clock
+exchanges a second from the same port, which the same thread answers. The latency is the time from the arrival of a clock
+packet at the program's network interface to the departure of the answer. On a machine with other load, run it with
+`chrt -f 10`.
 """
 import collections
 import ctypes
@@ -28,10 +28,10 @@ PLAYER = "10.77.8.2"
 TIMESTAMP_NS, FORCED_BUFFER, ATTACH_FILTER = 35, 33, 26  # socket options
 
 
-# Processes of their own
+# Separate processes
 
 def play():
-    """A device that accepts every invitation. It plays once a session runs, until SIGUSR1; prints how many notes."""
+    """A device that accepts every invitation. It plays from the start of a session to SIGUSR1; prints the number of notes."""
     isOver = False
 
     def end(*_):
@@ -66,12 +66,12 @@ def play():
 
 
 def watch_interface():
-    """Prints for each clock exchange of the player's when its packet came (nanoseconds of the monotonic clock) and
-    how long its answer took."""
-    packets = socket.socket(socket.AF_PACKET, socket.SOCK_DGRAM, socket.htons(3))  # what leaves, too
+    """Prints for each clock exchange of the player when its packet arrived (nanoseconds of the monotonic clock) and the
+    time to the answer."""
+    packets = socket.socket(socket.AF_PACKET, socket.SOCK_DGRAM, socket.htons(3))  # ETH_P_ALL: outgoing packets too
     packets.setsockopt(socket.SOL_SOCKET, TIMESTAMP_NS, 1)
     packets.setsockopt(socket.SOL_SOCKET, FORCED_BUFFER, 8 << 20)
-    # The kernel hands on what comes from the player or goes there, and no MIDI.
+    # A kernel filter that passes packets from and to the player, except MIDI.
     player = int.from_bytes(socket.inet_aton(PLAYER), "big")
     steps = ((0x20, 0, 0, 12), (0x15, 2, 0, player), (0x20, 0, 0, 16), (0x15, 0, 3, player),
              (0x28, 0, 0, 28), (0x15, 0, 1, 0xFFFF), (0x06, 0, 0, 0xFFFF), (0x06, 0, 0, 0))
@@ -93,7 +93,7 @@ def watch_interface():
 
 
 def listen_to_jack():
-    """Prints each note of the channel at the program's source."""
+    """Prints each note on the channel that the program's source publishes."""
     class Event(ctypes.Structure):
         _fields_ = [("time", ctypes.c_uint32), ("size", ctypes.c_size_t), ("bytes", ctypes.c_void_p)]
     jack = ctypes.CDLL("libjack.so.0")
@@ -168,7 +168,7 @@ class Flood(SystemTest):
         sent = int(player.wait_for(r"^sent (\d+)")[1][1])
 
         def arrived():
-            """The garbage may hold notes of its own: each note is the next that is like it."""
+            """The number of notes that arrived in order. The garbage may contain other notes on the channel; they are skipped."""
             count = 0
             for line in listener.lines[1:]:
                 expected = scale(count)

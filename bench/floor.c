@@ -1,10 +1,10 @@
-/* The floor under every latency: epoll_wait and recv on a connected UDP socket, and the output call; nothing else.
+/* The lower bound of the latency: epoll_wait and recv on a connected UDP socket, and the output call; nothing else.
 
-       floor HOST PORT STAMPS [blocking]      the output call writes down the moment
-       floor HOST PORT alsa [blocking]        it is that of a port "floor" of the ALSA sequencer
+       floor HOST PORT STAMPS [blocking]      the output call records the time
+       floor HOST PORT alsa [blocking]        the output call sends an event of the port "floor" of the ALSA sequencer
 
-   Takes RTP-MIDI whose messages have three bytes each and the delta time 0. With "blocking" there is a recv that waits
-   and no epoll_wait. Prints the local port. */
+   Accepts RTP-MIDI with messages of three bytes and delta times of 0. With "blocking", a blocking recv replaces
+   epoll_wait. Prints the local port. */
 
 #include "stamps.h"
 
@@ -70,7 +70,7 @@ int main(int argc, char** argv) {
         if (!is_blocking && epoll_wait(epoll, &event, 1, -1) != 1) continue;
         const ssize_t length = recv(file, datagram, sizeof datagram, 0);
         if (length < 13) continue;
-        /* Behind the RTP header come one or two bytes with the length of the list. */
+        /* One or two bytes with the length of the MIDI list follow the RTP header. */
         for (ssize_t i = datagram[12] & 0x80 ? 14 : 13; i + 3 <= length; i += 4)
             output(datagram + i);
     }

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""What the program costs at rest, with 0, 1 and 250 sessions, and with one in the panel. No JACK, no Avahi daemon. Needs
-root.
+"""The resources that the idle program uses, with 0, 1 and 250 sessions, and with one session and a panel. No JACK, no
+Avahi daemon. Needs root.
 
     python3 bench/idle.py [--seconds S] [--json FILE]
 
@@ -17,7 +17,7 @@ from lab.desktop import Desktop
 from lab.programs import Program, SystemTest
 from usage import usage
 
-HEARTBEAT = 0.1  # a second and session; each is one wake-up to send it, and one for the answer
+HEARTBEAT = 0.1  # per second and session; each causes one wake-up to send it and one for the answer
 FOUND = {"sessions": []}
 
 
@@ -25,7 +25,7 @@ class Idle(SystemTest):
     seconds = 30.0
 
     def measure(self, name, program, sessions):
-        time.sleep(10)  # the dense part of the heartbeat is over, and so are the questions of discovery's start
+        time.sleep(10)  # the frequent first clock exchanges and mDNS queries are over
         before = usage(program.pid)
         time.sleep(self.seconds)
         after = usage(program.pid)

@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""From a device's send to the output: the program beside the floor, by turns, datagram by datagram. Needs root.
+"""Latency from a device's send to the output: the program and the floor, alternating datagram by datagram. Needs root.
 
     python3 bench/latency.py [--vm] [--rounds N] [--seconds S] [--json FILE]
 
-Without --vm: the program's road and the floor write down the moment of their output calls. With --vm, in a virtual machine
-with the ALSA sequencer: the program itself and the floor play into it, and the moment is that at which a subscriber
-has received the message. The conditions take turns too, round by round.
+Without --vm, the packet path of the program and the floor record the time of their output calls. With --vm, in a virtual
+machine with the ALSA sequencer, the whole program and the floor send to the sequencer, and the time is that at which a
+subscriber has received the message. The conditions alternate too, round by round.
 """
 import argparse
 import json
@@ -32,7 +32,7 @@ CONDITIONS = (("quiet", True, "notes,chords,controllers"),
               ("both cores busy", False, "notes,chords,controllers"),
               ("50 other devices", True, "notes"))
 QUANTILES = {"50": 0.5, "99": 0.99, "99.9": 0.999, "max": 1.0}
-# What takes the right to real-time priority away, from root too.
+# Removes the permission for real-time priority, also from root.
 ORDINARY = ["setpriv", "--bounding-set", "-sys_nice", "prlimit", "--rtprio=0"]
 PATIENCE = 60
 
@@ -53,16 +53,16 @@ class Latency(SystemTest):
         self.stage = self.network.host(*(address + "/24" for address in (DEVICE_ADDRESS, *OTHERS)))
 
     def stamps(self):
-        """A file in memory, as a path for every process."""
+        """The path of a file in memory, valid for every process."""
         file = os.memfd_create("stamps")
         os.write(file, bytes(STAMP_BYTES))
         self.addCleanup(os.close, file)
         return f"/proc/{os.getpid()}/fd/{file}"
 
     def measure(self, condition, isRealTime, kinds, seconds):
-        """One round of a condition; answers what the device prints."""
+        """Runs one round of a condition and returns the results that the device prints."""
         first = len(self.processes)
-        scheduling = ["chrt", "-f", "4"] if isRealTime else []  # the priority that the program takes
+        scheduling = ["chrt", "-f", "4"] if isRealTime else []  # the priority that the program uses
         sides = []
         for name, *options in [("floor",)] + [("blocking recv", "blocking")] * (not self.isSequencer):
             output = "alsa" if self.isSequencer else self.stamps()
@@ -91,12 +91,12 @@ class Latency(SystemTest):
         if condition == "both cores busy":
             for _ in range(2):
                 Process(self, ["sh", "-c", "while :; do :; done"])
-        time.sleep(0.5)  # they are at it
+        time.sleep(0.5)  # let them start
         device.signal(signal.SIGUSR1)
         self.assertEqual(device.wait(PATIENCE + 20 * seconds), 0)
         for process in self.processes[first:]:
             if process.popen.poll() is None:
-                process.kill()  # the next round has its own
+                process.kill()  # the next round starts its own
         return [json.loads(line) for line in device.lines if line.startswith("{")]
 
     def test_latency(self):
@@ -115,7 +115,7 @@ class Latency(SystemTest):
         for (condition, isRealTime, kind, side, part), runs in found.items():
             runs = [sorted(value / 1000 for value in run) for run in runs]
             pooled = sorted(value for run in runs for value in run)
-            # Denser towards the tail: (microseconds, share of the messages that take longer).
+            # Points of (microseconds, share of the messages that take longer), denser towards the tail.
             shares = [10 ** (-step / 20) for step in range(100) if 10 ** (-step / 20) * len(pooled) >= 1]
             results.append({
                 "condition": condition, "realTime": isRealTime, "kind": kind, "side": side, "part": part,
@@ -129,7 +129,7 @@ class Latency(SystemTest):
                   f"{each['side']:14}{each['part']:6}{medians}", file=sys.stderr)
         text = json.dumps({"name": "latency-alsa" if self.isSequencer else "latency-null", "results": results})
         if self.isSequencer:
-            print("\n" + text, flush=True)  # the way out of the virtual machine
+            print("\n" + text, flush=True)  # the only way to return it from the virtual machine
         elif self.arguments.json:
             pathlib.Path(self.arguments.json).write_text(text)
 

@@ -1,13 +1,13 @@
-// A device that measures how long each of its messages takes to several receivers, which take turns, datagram
-// by datagram. It accepts the program's invitations.
+// A device that measures the latency of its messages to several receivers. It sends to them alternately,
+// datagram by datagram, and accepts the program's invitations.
 //
 //     latency_bench ADDRESS RECEIVER-ADDRESS SECONDS KINDS SIDE...
 //
-// KINDS are notes, chords and controllers, with commas between. A SIDE is NAME,STAMPS,PORT: where to send, or
-// 0 for the session that the program opens; STAMPS is a file in which the receiver writes down when each
-// message reached its output, or the name of a client of the ALSA sequencer, to which this process then
-// listens. Prints "open", "running", and for each kind and side a line of JSON: nanoseconds to the first and
-// to the last message of each datagram.
+// KINDS is a list of notes, chords and controllers, separated by commas. A SIDE is NAME,STAMPS,PORT. PORT is
+// the receiver's port, or 0 for the session that the program opens. STAMPS is a file in which the receiver
+// records when each message reached its output, or the name of an ALSA sequencer client, to which this
+// process then subscribes. Prints "open", "running", and for each kind and side a line of JSON: nanoseconds
+// to the first and to the last message of each datagram.
 
 #include "stamps.h"
 
@@ -35,8 +35,8 @@ namespace {
 struct Kind {
     const char* name;
     unsigned char status;
-    int messages; ///< in a datagram
-    double rate;  ///< datagrams a second to each side
+    int messages; ///< per datagram
+    double rate;  ///< datagrams per second to each side
 };
 constexpr std::array kinds{Kind{"notes", 0x9F, 1, 400}, Kind{"chords", 0x9F, 10, 100},
                            Kind{"controllers", 0xBF, 1, 1000}};
@@ -45,7 +45,7 @@ struct Side {
     std::string name, stampsName;
     sockaddr_in to{};
     std::int64_t* stamps = nullptr;
-    int client = -1; ///< of the sequencer
+    int client = -1; ///< number of its sequencer client
     std::vector<std::int64_t> sent{};
 };
 
@@ -69,10 +69,10 @@ int openSocket(const char* address, int port) {
     return file;
 }
 
-/// Where the program receives MIDI; its port is not 0 once the session runs.
+/// The program's data port; 0 until its session runs.
 std::atomic<std::uint16_t> programPort = 0;
 
-/// Accepts whoever invites, and answers clocks.
+/// Accepts every invitation and answers clock exchanges.
 void answer(const std::array<int, 2>& sockets) {
     for (;;) {
         std::array<pollfd, 2> ready{pollfd{sockets[0], POLLIN, 0}, pollfd{sockets[1], POLLIN, 0}};
@@ -86,7 +86,8 @@ void answer(const std::array<int, 2>& sockets) {
                 recvfrom(each.fd, packet.data(), 1024, 0, reinterpret_cast<sockaddr*>(&from), &size);
             if (length < 16 || packet[0] != 0xFF || packet[1] != 0xFF) continue;
             std::size_t reply = 0;
-            if (std::memcmp(&packet[2], "IN", 2) == 0) { // accepted: the same version and token, and a name
+            if (std::memcmp(&packet[2], "IN", 2) == 0) {
+                // OK with the version and token of the invitation, an SSRC and a name.
                 std::memcpy(&packet[2], "OK", 2);
                 std::memcpy(&packet[12],
                             "\0\0\0\xAA"
@@ -104,9 +105,9 @@ void answer(const std::array<int, 2>& sockets) {
     }
 }
 
-/// The number of a sequencer client, once there is one of that name.
+/// Waits for a sequencer client of that name and returns its number.
 int awaitClient(snd_seq_t* sequencer, const std::string& name) {
-    for (int patience = 0; patience < 600; ++patience) {
+    for (int attempt = 0; attempt < 600; ++attempt) {
         snd_seq_client_info_t* info = nullptr;
         snd_seq_client_info_alloca(&info);
         snd_seq_client_info_set_client(info, -1);
@@ -117,7 +118,7 @@ int awaitClient(snd_seq_t* sequencer, const std::string& name) {
     fail("no sequencer client " + name);
 }
 
-/// Subscribes to the sides that play into the sequencer, and stamps what comes, on a thread of its own.
+/// Subscribes to the sides that send to the sequencer, and stamps their events on a separate thread.
 void listen(std::vector<Side>& sides) {
     snd_seq_t* sequencer = nullptr;
     if (snd_seq_open(&sequencer, "default", SND_SEQ_OPEN_DUPLEX, 0) < 0) fail("no sequencer");
@@ -128,15 +129,16 @@ void listen(std::vector<Side>& sides) {
                                    SND_SEQ_PORT_TYPE_APPLICATION);
     for (Side& side : sides) {
         side.client = awaitClient(sequencer, side.stampsName);
-        for (int patience = 0; snd_seq_connect_from(sequencer, port, side.client, 0) < 0; ++patience) {
-            if (patience == 100) fail("cannot listen to " + side.stampsName);
-            std::this_thread::sleep_for(std::chrono::milliseconds(50)); // its port comes after the client
+        for (int attempt = 0; snd_seq_connect_from(sequencer, port, side.client, 0) < 0; ++attempt) {
+            if (attempt == 100) fail("cannot listen to " + side.stampsName);
+            // The port is created after the client.
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
         }
     }
     std::thread([sequencer, &sides] {
         for (snd_seq_event_t* event = nullptr;;) {
             if (snd_seq_event_input(sequencer, &event) < 0)
-                continue; // its queue ran over: stamps will be missing
+                continue; // the queue has overflowed: stamps will be missing
             const bool isNote = event->type == SND_SEQ_EVENT_NOTEON;
             const unsigned channel = isNote ? event->data.note.channel : event->data.control.channel;
             if ((!isNote && event->type != SND_SEQ_EVENT_CONTROLLER) || channel != STAMP_CHANNEL) continue;
@@ -152,7 +154,7 @@ void listen(std::vector<Side>& sides) {
     }).detach();
 }
 
-/// One datagram whose messages bear the numbers from `number` on.
+/// Writes a datagram whose messages carry the numbers from `number` on, and returns its size.
 std::size_t compose(std::array<unsigned char, 256>& datagram, const Kind& kind, std::size_t number) {
     datagram = {0x80, 0x61, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xAA};
     std::size_t size = 12;
@@ -192,7 +194,7 @@ void measure(int socket, const Kind& kind, double seconds, std::vector<Side>& si
         side.sent.assign(count, 0);
         std::memset(side.stamps, 0, STAMP_BYTES);
     }
-    // Not in step with the kernel's ticks.
+    // Random pauses, so that the datagrams are not synchronous with the kernel's timer ticks.
     const double pause = 1e9 / kind.rate / static_cast<double>(sides.size());
     std::minstd_rand random;
     std::uniform_real_distribution<double> pauses(0.7 * pause, 1.3 * pause);
@@ -240,11 +242,11 @@ int main(int argc, char** argv) {
             if (!side.stamps) fail("no stamps: " + side.stampsName);
         } else {
             isSequencer = true;
-            side.stamps = new std::int64_t[STAMP_COUNT]; // until the end of the process
+            side.stamps = new std::int64_t[STAMP_COUNT]; // never freed
         }
         sides.push_back(side);
     }
-    sigset_t signals; // held back in all threads
+    sigset_t signals; // blocked in all threads
     sigemptyset(&signals);
     sigaddset(&signals, SIGUSR1);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);

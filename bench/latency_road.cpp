@@ -1,6 +1,6 @@
-// The program's road of a MIDI message, from the network thread to an output that writes down the moment.
+// The packet path of the program, from the network thread to an output that records the time.
 //
-//     latency_road STAMPS HOST...       invites each of these hosts at port 5004
+//     latency_road STAMPS HOST...       invites each host on port 5004
 
 #include "Platform/network/EpollNetwork.h"
 #include "Platform/system/SystemClock.h"
@@ -35,7 +35,7 @@ int main(int argc, char** argv) {
     FakeMachine machine;
     EpollNetwork network({RTPMIDISession::controlLocalPort, RTPMIDISession::dataLocalPort},
                          Scheduling::realTime);
-    // It only keeps the states, and so may run on the network thread too.
+    // The main queue only stores session states here, so it may run on the network thread.
     const auto mainQueue = network.makeQueue("main");
     const SystemClock clock;
     const Platform platform{machine.application,
@@ -64,6 +64,6 @@ int main(int argc, char** argv) {
             sessions.push_back(std::move(session));
         }
     });
-    for (;;) // until somebody ends the process
+    for (;;) // until the process is killed
         pause();
 }

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""From the start of the program to both browsers at work, which is when their first question leaves, beside the start
-and end of a Qt program that does nothing; by turns. Needs root.
+"""The time from the start of the program to the first mDNS query of both browsers, compared with the start and end of a
+Qt program that does nothing; the two alternate. Needs root.
 
     python3 bench/launch.py [runs]
 """
@@ -24,9 +24,9 @@ class Launch(SystemTest):
         desktop.xfce_panel()
         wire = Process(self, ["tshark", "-i", "lan", "-n", "-l", "-T", "fields", "-e", "frame.time_epoch", "-e",
                               "dns.qry.name", "-f", "udp dst port 5353"], host)
-        first = desktop.program()  # after which everything is in the page cache
+        first = desktop.program()  # fills the page cache
         desktop.wait_for_item(20)
-        wire.wait_for("_tessarylink")  # the capture runs too
+        wire.wait_for("_tessarylink")  # also shows that the capture has started
         first.terminate()
         program, bare = [], []
         for _ in range(RUNS):

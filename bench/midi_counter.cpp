@@ -1,5 +1,5 @@
-// Counts what arrives at the program's source: a JACK client that adds up messages and bytes, and prints both
-// while they grow.
+// A JACK client that counts the messages and bytes from the program's source, and prints both when they have
+// changed.
 
 #include <atomic>
 #include <chrono>

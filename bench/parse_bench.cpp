@@ -1,4 +1,4 @@
-// How long it takes to parse a message and publish it into an output that does nothing, on one core.
+// Measures the time to parse a message and publish it to an output that does nothing.
 
 #include "Platform/system/SystemClock.h"
 #include "Services/CoreMIDIBridge.h"
@@ -18,7 +18,7 @@ struct NullOutput : FakeMIDIOutput {
     std::uint64_t published = 0;
 };
 
-/// The median and the spread of nanoseconds per message, over runs of a million messages.
+/// Prints the median and the range of nanoseconds per message, over runs of a million messages.
 void measure(const char* name, const Bytes& datagram) {
     FakeMachine machine;
     NullOutput output;

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Writes docs/performance.md and its plots from what the programs of this folder have measured.
+"""Writes docs/performance.md and its plots from the results of the programs in this folder.
 
-    python3 bench/report.py DIRECTORY      with their results: NAME.json or, as printed, NAME.txt
+    python3 bench/report.py DIRECTORY      holds the results: NAME.json, or NAME.txt with the program's output
 """
 import json
 import os
@@ -21,7 +21,7 @@ from lab import vm
 
 DOCS, RESULTS = ROOT / "docs", pathlib.Path(sys.argv[1])
 QUANTILES = {"50": "50 %", "99": "99 %", "99.9": "99.9 %", "max": "longest"}
-PLACES = {"latency-null": "natively, into an output that writes down the moment",
+PLACES = {"latency-null": "natively, to an output that records the time",
           "latency-alsa": "in the virtual machine, through the ALSA sequencer"}
 LIBRARIES = ("libasound2", "libavahi-core7", "libdbus-1-3", "libglib2.0-0", "libjack-jackd2-0", "libqt6core6")
 COLORS = {"program": "#1668c1", "floor": "#d1662b", "blocking recv": "#8a8a8a"}
@@ -32,7 +32,7 @@ def printed(*command):
 
 
 def machine():
-    """What it was measured on, in one paragraph."""
+    """A paragraph that describes the machine."""
     processor = dict(line.split(":", 1) for line in printed("lscpu").splitlines() if ":" in line)
     memory = re.search(r"MemTotal: +(\d+)", pathlib.Path("/proc/meminfo").read_text())[1]
     system = re.search(r'PRETTY_NAME="(.*)"', pathlib.Path("/etc/os-release").read_text())[1]
@@ -56,14 +56,14 @@ def table(header, rows):
 
 
 def spread(values, digits=1):
-    """The median of the rounds, and their least and most."""
+    """The median of the rounds, with their minimum and maximum."""
     digits = 0 if min(values) >= 1000 else digits
     low, middle, high = (f"{value:,.{digits}f}" for value in (min(values), statistics.median(values), max(values)))
     return f"{middle} ({low} to {high})"
 
 
 class Latency:
-    """The results of latency.py in one place."""
+    """The results of latency.py in one environment."""
 
     def __init__(self, name):
         self.name = name
@@ -74,7 +74,7 @@ class Latency:
             each["condition"], each["realTime"], each["kind"], each["side"], each["part"])), None)
 
     def ratios(self, quantile, *key):
-        """The program's to the floor's, of each round."""
+        """The ratio of the program's latency to the floor's, for each round."""
         program, floor = (self.get(*key[:3], side, *key[3:])["runs"][quantile] for side in ("program", "floor"))
         return [one / other for one, other in zip(program, floor)]
 
@@ -94,14 +94,14 @@ class Latency:
         return table(("microseconds", "", *QUANTILES.values()), rows)
 
     def tail(self, isRealTime):
-        """How many times the quiet 99.9th percentile the busy one is, of all rounds together."""
+        """Compares the 99.9th percentiles on a busy and a quiet machine, over all rounds."""
         quiet, busy = (self.get(condition, real, "notes", "program")["pooled"]["99.9"]
                        for condition, real in (("quiet", True), ("both cores busy", isRealTime)))
         return f"{busy:,.0f} µs, {busy / quiet:.1f} times the {quiet:,.0f} µs of the quiet machine"
 
 
 def plot(name, panels, latencies):
-    """One panel beside the other, one row for each place; a panel is (title, [(label, line style, key, side)])."""
+    """Writes a plot: one row per environment, one column per panel: (title, [(label, line style, key, side)])."""
     matplotlib.rcParams.update({"svg.fonttype": "none", "svg.hashsalt": name, "font.size": 9})
     figure, grid = pyplot.subplots(len(latencies), len(panels), squeeze=False, sharex="row", sharey=True,
                                    figsize=(5 * len(panels), 3.6 * len(latencies)), layout="constrained")
@@ -120,7 +120,7 @@ def plot(name, panels, latencies):
 
 
 def figures(name):
-    """What another program has found: a list of figures, tables for lists of them, or what it printed."""
+    """The results of another program: tables of its JSON, or its output."""
     file = RESULTS / f"{name}.json"
     if not file.exists():
         return f"```\n{(RESULTS / name).with_suffix('.txt').read_text().strip()}\n```\n"
@@ -153,8 +153,8 @@ def main():
 
 Written by `./scripts/bench` (root), which measures all of this. {machine()}
 
-Such machines are noisy, so look at the ratios: both sides of each comparison were measured in the same run, in turn. A
-figure is the median of the rounds; in brackets are the least and the most.
+Measurements on such machines are noisy, so compare the ratios: both sides of each comparison were measured in the same
+run, alternately. Each figure is the median of the rounds, with the minimum and the maximum in brackets.
 
 ## From a device's send to the output
 
@@ -163,11 +163,11 @@ figure is the median of the rounds; in brackets are the least and the most.
 
 A device in a network namespace of its own sends notes, chords of ten notes in one datagram, or 1,000 control changes a
 second, alternately to the program and to the floor: a C program with nothing but `epoll_wait`, `recv` on a connected
-UDP socket, and the output call (`bench/floor.c`). All wait asleep and have real-time priority where nothing else is
-said. The time is counted from just before the device's system call: natively until the output call, and in the virtual
-machine until another program, which subscribes to both, has received the message from the ALSA sequencer. There it is
-the whole program that is measured, natively its road from the network thread to the output. The `recv` that blocks,
-without `epoll_wait`, is there for the record.
+UDP socket, and the output call (`bench/floor.c`). Both sleep while they wait, and have real-time priority unless stated
+otherwise. The time starts just before the device's system call. Natively it ends at the output call, and only the packet
+path of the program is measured, from the network thread to the output. In the virtual machine it ends when another
+program, which subscribes to both, has received the message from the ALSA sequencer, and the whole program is measured.
+"blocking recv" is the floor without `epoll_wait`, for comparison.
 
 ![Distribution of the latency: program and floor](latency-floor.svg)
 """]
@@ -178,8 +178,8 @@ percentile (target 1.25).
 """)
     sections.append("""## With both cores busy
 
-Two processes of ordinary priority that never wait, one for each core. The program asks for real-time priority by itself;
-beside it stands the same without the right to have it. The floor has the same scheduling as the program each time.
+Two processes of ordinary priority that never wait occupy both cores. The program requests real-time priority by itself;
+the second measurement of each kind is without the permission for it. The floor is scheduled like the program each time.
 
 ![Distribution of the latency with both cores busy, with and without real-time priority](latency-load.svg)
 """)
@@ -189,23 +189,23 @@ beside it stands the same without the right to have it. The floor has the same s
             sections.append(f"### {title}\n\n" + latency.table("both cores busy", isRealTime) + f"""
 The 99.9th percentile of notes: {latency.tail(isRealTime)}{' (target 3)' if isRealTime else ''}.
 """)
-    sections.append("## With 50 other devices\n\nThey play 1,000 messages a second together.\n")
+    sections.append("## With 50 other devices\n\nTogether they play 1,000 messages a second.\n")
     for latency in latencies:
         sections.append(f"### {PLACES[latency.name].capitalize().replace('alsa', 'ALSA')}\n\n" +
                         latency.table("50 other devices", True, ("notes",)))
     sections.append("## Where the time goes\n\n" + (ROOT / "bench/where-the-time-goes.md").read_text())
     for title, name, command, text in (
-            ("A message, parsed and published into an output that does nothing", "parse", "build/release/bench/parse_bench",
-             "The median of 21 runs of a million, with the fastest and the slowest. About 20 ns of each are the reading of "
-             "the\nhost clock, with which every message is stamped."),
+            ("A message, parsed and published to an output that does nothing", "parse", "build/release/bench/parse_bench",
+             "The median of 21 runs of a million messages, with the fastest and the slowest run. About 20 ns of each message "
+             "are spent\nreading the host clock for its time stamp."),
             ("Many devices", "scale", "scripts/bench scale", ""),
             ("At rest", "idle", "scripts/bench idle", ""),
             ("The launch", "launch", "scripts/bench launch",
-             "From the start to both browsers' first questions on the network. Most of the difference to a Qt program that "
-             "does\nnothing is the pause that multicast DNS puts before a first question (RFC 6762, section 5.2)."),
-            ("Beside a flood of garbage", "flood", "scripts/bench flood",
-             "What one device's notes suffer while another sends 20,000 datagrams of garbage a second: how long clock "
-             "exchanges\nfrom the same port wait for their answer, which is the work of the same thread.")):
+             "From the start to the first query of both browsers on the network. Most of the difference from a Qt program that "
+             "does\nnothing is the delay before a first multicast DNS query (RFC 6762, section 5.2)."),
+            ("During a flood of garbage", "flood", "scripts/bench flood",
+             "Notes of one device while another sends 20,000 garbage datagrams a second: the losses, and the time to the "
+             "answer of\nclock exchanges from the same port, which the same thread sends.")):
         sections.append(f"## {title}\n\n    {command}\n\n" + (text + "\n\n" if text else "") + figures(name))
     (DOCS / "performance.md").write_text("\n".join(sections))
 

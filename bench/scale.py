@@ -1,6 +1,5 @@
 #!/usr/bin/env python3
-"""Many devices: how long they take to run, what a session costs, and at which rate everything still arrives. Needs
-root.
+"""Many devices: the time until all sessions run, the cost of a session, and the highest rate without loss. Needs root.
 
     python3 bench/scale.py [--json FILE]
 
@@ -18,7 +17,7 @@ from lab.programs import BUILD, SOURCE, JackServer, Program, SystemTest
 from usage import usage
 
 COUNTS = 1, 10, 50, 250
-RATES = 10_000, 20_000, 30_000  # datagrams a second in all
+RATES = 10_000, 20_000, 30_000  # datagrams per second in total
 MESSAGES_PER_DATAGRAM, PLAYING = 5, 8  # seconds
 FOUND = {"devices": [], "rates": []}
 
@@ -43,18 +42,18 @@ class Scale(SystemTest):
         desk, stage = self.hosts()
         for count in COUNTS:
             program = Program(self, desk)
-            program.wait_for("MIDI")  # it has looked for a MIDI system, and discovery is next
+            program.wait_for("MIDI")  # the log line about the MIDI system; discovery starts next
             time.sleep(3)
             before = usage(program.pid)
             devices, duration = self.start(stage, program, count, "--play", "nothing")
             ran = usage(program.pid)
-            time.sleep(7)  # the dense part of the heartbeat is over
+            time.sleep(7)  # the frequent first clock exchanges are over
             after = usage(program.pid)
             show("devices", {"devices": count, "all running after, s": round(duration, 2),
                              "processor until then, s": round(ran.seconds - before.seconds, 2),
                              "memory a session, KiB": round((after.anonymous - before.anonymous) / count, 1)})
             self.assertLess(duration, 3)
-            if count > 1:  # one session brings what all sessions share
+            if count > 1:  # the first session also allocates what all sessions share
                 self.assertLess((after.anonymous - before.anonymous) / count, 64)
             program.terminate()
             devices.end()
@@ -68,7 +67,7 @@ class Scale(SystemTest):
         counter.wait_for("counting")
         count, total = max(COUNTS), 0
         for number, rate in enumerate(RATES, 1):
-            each = rate * MESSAGES_PER_DATAGRAM // count  # messages a second
+            each = rate * MESSAGES_PER_DATAGRAM // count  # messages per second and device
             devices = self.device(stage, "--address", "10.77.4.2", "--count", count, "--rate", each, "--per-datagram",
                                   MESSAGES_PER_DATAGRAM, "--messages", each * PLAYING)
             devices.wait_for("running with", 20, times=count)
@@ -80,7 +79,7 @@ class Scale(SystemTest):
             try:
                 until(lambda: counter.lines[-1].startswith(f"{total} messages"), 5, "everything has arrived")
             except AssertionError:
-                pass  # the row tells
+                pass  # the row shows the loss
             arrived = int(counter.lines[-1].split()[0])
             lost, total = total - arrived, arrived
             show("rates", {"datagrams a second": rate, "messages a second": rate * MESSAGES_PER_DATAGRAM,

@@ -1,4 +1,4 @@
-/* When each message reached an output, by way of memory that the processes of the measurement share. */
+/* The times at which messages reached an output, in memory that the processes of a measurement share. */
 #pragma once
 
 #include <fcntl.h>
@@ -7,11 +7,10 @@
 #include <time.h>
 #include <unistd.h>
 
-/* A message of the measurement is on channel 16, and its two data bytes (of which the second is not 0) number
- * it. */
+/* Measured messages are on channel 16. Their two data bytes hold their number; the second is never 0. */
 enum { STAMP_COUNT = 128 * 127, STAMP_BYTES = STAMP_COUNT * 8, STAMP_CHANNEL = 15 };
 
-/* Nanoseconds of the monotonic clock. */
+/* The monotonic clock in nanoseconds. */
 static inline int64_t now(void) {
     struct timespec time;
     clock_gettime(CLOCK_MONOTONIC, &time);
@@ -22,7 +21,7 @@ static inline void stamp(int64_t* stamps, unsigned first, unsigned second) {
     __atomic_store_n(&stamps[first + 128 * (second - 1)], now(), __ATOMIC_RELEASE);
 }
 
-/* The stamps in a file of STAMP_BYTES, or a null pointer. */
+/* Maps a file of STAMP_BYTES; returns a null pointer on failure. */
 static inline int64_t* open_stamps(const char* path) {
     const int file = open(path, O_RDWR | O_CLOEXEC);
     if (file < 0) return 0;

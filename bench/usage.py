@@ -1,4 +1,4 @@
-"""What a process costs, as the kernel counts it."""
+"""The resources that a process uses, as counted by the kernel."""
 import collections
 import os
 import pathlib
@@ -7,8 +7,8 @@ Usage = collections.namedtuple("Usage", "seconds wakeups resident anonymous")
 
 
 def usage(pid):
-    """Of a process and its children: seconds of processor time, voluntary switches of each thread by name, KiB that
-    are resident and those of them that belong to no file."""
+    """Of a process and its children: processor time in seconds, voluntary context switches of each thread by name,
+    resident memory and its anonymous part in KiB."""
     children = pathlib.Path(f"/proc/{pid}/task/{pid}/children").read_text().split()
     seconds, wakeups, resident, anonymous = zip(*(usage_alone(process) for process in (pid, *children)))
     return Usage(sum(seconds), sum(wakeups, collections.Counter()), sum(resident), sum(anonymous))

@@ -9,12 +9,12 @@ namespace {
 
 constexpr std::size_t headerSize = 12;
 constexpr std::size_t questionTailSize = 4; // type and class
-constexpr std::size_t recordTailSize = 10;  // type, class, time to live, and the length of the data
-constexpr std::size_t lengthOffset = 8;     // in that
+constexpr std::size_t recordTailSize = 10;  // type, class, time to live, and length of the data
+constexpr std::size_t lengthOffset = 8;     // of the data's length in a record's tail
 constexpr std::uint16_t cname = 5;
-constexpr std::uint8_t privateUse = 0xFF; // the high byte of the types of private use
+constexpr std::uint8_t privateUse = 0xFF; // the high byte of private-use types
 
-/// Reads a message from its beginning to its end.
+/// Reads a DNS message sequentially.
 class Reader {
   public:
     explicit Reader(std::span<std::uint8_t> message)
@@ -24,7 +24,7 @@ class Reader {
         return static_cast<std::uint16_t>(message_[position] << 8 | message_[position + 1]);
     }
 
-    /// The next `size` bytes; absent if there are not as many.
+    /// Skips `size` bytes and returns their position; absent if there are fewer.
     std::optional<std::size_t> take(std::size_t size) {
         if (message_.size() - position_ < size) return std::nullopt;
         const std::size_t begin = position_;
@@ -32,7 +32,7 @@ class Reader {
         return begin;
     }
 
-    /// Labels up to the root or to a pointer.
+    /// Skips labels up to the root label or a compression pointer; false if the name is malformed.
     bool skipName() {
         while (const auto label = take(1)) {
             const std::uint8_t length = message_[*label];

@@ -12,7 +12,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// How soon after an attempt to reach the daemon the next one may follow.
+/// The minimum time between two attempts to connect to the daemon.
 constexpr auto reconnectInterval = 2s;
 
 struct ClientAPI {
@@ -47,14 +47,15 @@ struct ClientAPI {
     static void free(RecordBrowser* browser) { avahi_record_browser_free(browser); }
 };
 
-/// A client ends for good when its daemon does; the next one then waits for the next daemon.
+/// An Avahi client becomes unusable when its daemon ends, so a new client is created, which waits for a
+/// daemon.
 class ClientBackend : public AvahiLookups<ClientAPI>, public std::enable_shared_from_this<ClientBackend> {
   public:
     ClientBackend(Loop& loop, BackendHandlers handlers)
         : AvahiLookups(loop)
         , handlers_(std::move(handlers)) {}
 
-    /// Makes the client; answers whether the bus let it.
+    /// Creates the client; returns false if the bus refuses or is not available.
     bool connect(AvahiClientFlags flags) {
         connected_ = std::chrono::steady_clock::now();
         AvahiClient* const client = avahi_client_new(loop_.poll(), flags, stateChanged, this, nullptr);
@@ -70,17 +71,17 @@ class ClientBackend : public AvahiLookups<ClientAPI>, public std::enable_shared_
                error == AVAHI_ERR_DBUS_ERROR || error == AVAHI_ERR_BAD_STATE;
     }
 
-    /// Makes a client again, as soon as the bus lets it.
+    /// Creates a new client, and retries until that succeeds.
     void reconnect() {
         const auto wait = connected_ + reconnectInterval - std::chrono::steady_clock::now();
         loop_.after(std::max(wait, decltype(wait){}), [weak = weak_from_this()] {
             const auto self = weak.lock();
-            if (self && !self->connect(AVAHI_CLIENT_NO_FAIL)) self->reconnect(); // the bus is away too
+            if (self && !self->connect(AVAHI_CLIENT_NO_FAIL)) self->reconnect(); // no bus either
         });
     }
 
   private:
-    /// Called by Avahi, the first time while the client is still being made.
+    /// Called by Avahi, the first time inside avahi_client_new.
     static void stateChanged(AvahiClient* client, AvahiClientState state, void* userData) {
         auto& self = *static_cast<ClientBackend*>(userData);
         self.loop_.post([weak = self.weak_from_this(), client, state] {

@@ -22,7 +22,7 @@ namespace tessary::discovery {
 
 namespace {
 
-/// However busy the network keeps this process, whatever plays comes first.
+/// Audio and MIDI programs take precedence, even if the network keeps this process busy.
 constexpr int niceness = 10;
 
 bool limit(__rlimit_resource_t resource, rlim_t most) {
@@ -34,7 +34,7 @@ bool limit(__rlimit_resource_t resource, rlim_t most) {
 }
 
 bool setLimits() {
-    bool isSet = limit(RLIMIT_NOFILE, 64); // two sockets, netlink, the bus, and a few while it starts
+    bool isSet = limit(RLIMIT_NOFILE, 64); // two sockets, netlink, the bus, and a few more at the start
     isSet &= limit(RLIMIT_NPROC, 0);
     isSet &= limit(RLIMIT_FSIZE, 0);
     if (!isSanitized) isSet &= limit(RLIMIT_AS, maxAddressSpace);
@@ -45,12 +45,12 @@ scmp_arg_cmp isEqual(unsigned argument, scmp_datum_t value) {
     return {.arg = argument, .op = SCMP_CMP_EQ, .datum_a = value, .datum_b = 0};
 }
 
-/// Of the bits in `mask` only those of `value` are set.
+/// The argument's bits in `mask` equal `value`.
 scmp_arg_cmp hasBits(unsigned argument, scmp_datum_t mask, scmp_datum_t value) {
     return {.arg = argument, .op = SCMP_CMP_MASKED_EQ, .datum_a = mask, .datum_b = value};
 }
 
-/// The filter of system calls that is being made.
+/// Builds the system call filter.
 class Filter {
   public:
     Filter()
@@ -62,7 +62,7 @@ class Filter {
             add(call, {});
     }
     void allowWith(int call, std::initializer_list<scmp_arg_cmp> conditions) { add(call, conditions); }
-    /// Only if the argument has one of these values.
+    /// Allows the call only if the argument has one of these values.
     void allowWith(int call, unsigned argument, std::initializer_list<int> values) {
         for (const int value : values)
             add(call, {isEqual(argument, static_cast<scmp_datum_t>(value))});
@@ -93,10 +93,10 @@ bool loadFilter() {
          SCMP_SYS(mremap),       SCMP_SYS(munmap),         SCMP_SYS(nanosleep),     SCMP_SYS(restart_syscall),
          SCMP_SYS(rt_sigaction), SCMP_SYS(rt_sigprocmask), SCMP_SYS(rt_sigreturn),  SCMP_SYS(sched_yield),
          SCMP_SYS(sysinfo),      SCMP_SYS(time),           SCMP_SYS(uname)});
-    // What is open
+    // Open files
     filter.allow({SCMP_SYS(fstat), SCMP_SYS(read), SCMP_SYS(readv), SCMP_SYS(write), SCMP_SYS(writev)});
     filter.allowWith(SCMP_SYS(fcntl), 1, {F_GETFD, F_SETFD, F_GETFL, F_SETFL});
-    // Sockets: mDNS, the machine's interfaces, the system bus
+    // Sockets: mDNS, netlink, the system bus
     filter.allowWith(SCMP_SYS(socket), {isEqual(0, AF_UNIX), hasBits(1, 0xf, SOCK_STREAM)});
     filter.allowWith(SCMP_SYS(socket), {isEqual(0, AF_INET), hasBits(1, 0xf, SOCK_DGRAM)});
     filter.allowWith(SCMP_SYS(socket), {isEqual(0, AF_INET6), hasBits(1, 0xf, SOCK_DGRAM)});
@@ -109,7 +109,7 @@ bool loadFilter() {
     // Waiting
     filter.allow({SCMP_SYS(eventfd2), SCMP_SYS(pipe2), SCMP_SYS(poll), SCMP_SYS(ppoll), SCMP_SYS(select),
                   SCMP_SYS(pselect6)});
-    // Memory that is not executable; a failed assertion's abort; its own limits, to look at
+    // Memory that is not executable; abort after a failed assertion; reading its own limits
     filter.allowWith(SCMP_SYS(mmap), {hasBits(2, PROT_EXEC, 0)});
     filter.allowWith(SCMP_SYS(mprotect), {hasBits(2, PROT_EXEC, 0)});
     filter.allowWith(SCMP_SYS(tgkill), {isEqual(0, static_cast<scmp_datum_t>(getpid()))});
@@ -123,7 +123,7 @@ std::uint8_t confine() {
     unsigned refused = 0;
     if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) refused |= refusedParentDeath;
     if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) refused |= refusedPrivileges;
-    prctl(PR_SET_DUMPABLE, 0); // neither core files nor debuggers of the same user
+    prctl(PR_SET_DUMPABLE, 0); // no core files, and no debuggers of the same user
     setpriority(PRIO_PROCESS, 0, niceness);
     if (!setLimits()) refused |= refusedLimits;
     if (!loadFilter()) refused |= refusedFilter;

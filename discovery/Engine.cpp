@@ -11,14 +11,14 @@ namespace {
 
 using State = Service::State;
 
-/// The daemon allows one client 1,024 objects (objects-per-client-max). With more devices, the oldest are no
+/// avahi-daemon allows a client 1,024 objects (objects-per-client-max). With more devices, the oldest are no
 /// longer watched.
 constexpr std::size_t maxLookups = 1000;
 
-/// A service takes one lookup, its host up to two.
+/// A service needs one lookup, its host up to two.
 constexpr std::size_t lookupsOfAService = 3;
 
-/// Unanswered queries are repeated on the network, so their number is limited.
+/// Avahi repeats unanswered queries on the network, so their number is limited.
 constexpr std::size_t maxAsked = 200;
 constexpr std::size_t maxMissing = 64;
 
@@ -124,7 +124,7 @@ void Engine::hostChanged(const Host& host) {
         if (service->host() == &host) service->hostChanged();
 }
 
-// What is asked next
+// Order of the queries
 
 void Engine::moved(Service& service, State next) {
     Services& to = queue(next);
@@ -152,8 +152,8 @@ void Engine::askWaiting() {
     }
 }
 
-/// Whether there is room to look up `next`. To make room, services may go back to waiting or be no longer
-/// watched.
+/// Returns whether `next` can be looked up now. To make room, returns unanswered services to the waiting
+/// queue or stops watching services.
 bool Engine::makeRoom(const Service& next) {
     Services& asked = queue(State::asked);
     if (asked.size() >= maxAsked) {

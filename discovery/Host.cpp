@@ -17,14 +17,14 @@ using namespace std::chrono_literals;
 /// A host's addresses on several links arrive one by one. They count as complete this long after the last.
 constexpr auto newHostSettleTime = 100ms;
 
-/// How long the preferred address may be away before another takes its place.
+/// How long the preferred address may be missing before another one replaces it.
 constexpr auto preferredAddressTimeout = 1000ms;
 
-/// Of two addresses on one link one may be outdated: it stays visible for a second after the host has
-/// announced its successor (RFC 6762, section 10.2).
+/// If a host has two addresses on one link, one may be outdated: caches keep it for one second after the host
+/// has announced the new one with the cache-flush bit (RFC 6762, section 10.2).
 constexpr auto flushedAddressTime = 1100ms;
 
-/// Ascending, but link-local addresses come after all others, and those of the machine itself last.
+/// Ascending, but link-local addresses come after all others, and loopback addresses last.
 bool comesBefore(const IPv4Host& first, const IPv4Host& second) {
     const auto rank = [](const IPv4Host& host) {
         const auto& bytes = host.bytes;
@@ -90,7 +90,7 @@ void Host::handle(const AddressEvent& event) {
 }
 
 void Host::decide() {
-    if (addresses_.empty() && !(hasIPv6_ && !settled_)) return; // what was known stays
+    if (addresses_.empty() && !(hasIPv6_ && !settled_)) return; // the settled addresses stay
     const auto wait = lastChange_ + settleTime() - Loop::Clock::now();
     if (wait <= 0s) return settle();
     if (std::exchange(isDecisionDue_, true)) return;
@@ -102,7 +102,7 @@ void Host::decide() {
     });
 }
 
-/// How long the addresses must have stayed as they are before one of them is chosen.
+/// How long the addresses must have been unchanged before one of them is chosen.
 std::chrono::milliseconds Host::settleTime() const {
     std::map<int, std::set<std::array<std::uint8_t, 4>>> links;
     for (const auto& [interface, protocol, bytes] : addresses_)

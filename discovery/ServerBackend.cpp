@@ -40,7 +40,7 @@ struct ServerAPI {
         if (event == AVAHI_BROWSER_FAILURE) return lookup.deliverFailure();
         std::array<char, sizeof(AvahiIPv6Address)> bytes{};
         const std::size_t size = record ? avahi_rdata_serialize(record, bytes.data(), bytes.size()) : 0;
-        if (size > bytes.size()) return; // its word for "does not fit"
+        if (size > bytes.size()) return; // (size_t) -1: the record does not fit
         lookup.deliver({event, interface, protocol, std::string(bytes.data(), size), AVAHI_OK});
     }
 
@@ -50,11 +50,12 @@ struct ServerAPI {
     static void free(RecordBrowser* browser) { avahi_s_record_browser_free(browser); }
 };
 
-/// In the records of one interface. A device takes about eight; the library's default of 4096 would be full
-/// at some hundreds of devices.
+/// The maximum number of cached records per interface. A device has about eight, so the default of 4096 would
+/// be reached with a few hundred devices.
 constexpr unsigned maxCacheEntries = 16'384;
 
-/// Counts the records in the fullest cache: there is one for each interface, under a heading.
+/// Counts the records in the largest cache. avahi_server_dump lists one cache per interface, each after a
+/// heading that starts with a semicolon.
 struct CacheCount {
     unsigned count = 0;
     unsigned largest = 0;
@@ -76,8 +77,8 @@ class ServerBackend : public AvahiLookups<ServerAPI> {
     bool isReady() const override { return true; }
     bool mayRecover(int) const override { return false; }
 
-    /// The core keeps records for as long as their sender asks, even for years, and accepts none once a cache
-    /// is full.
+    /// libavahi-core keeps records for the time to live that their sender chose, even for years, and accepts
+    /// no new record when a cache is full.
     bool isExhausted() const override {
         CacheCount records;
         return avahi_server_dump(context_.get(), CacheCount::add, &records) < 0 ||
@@ -88,11 +89,12 @@ class ServerBackend : public AvahiLookups<ServerAPI> {
 } // namespace
 
 std::shared_ptr<Backend> makeServerBackend(Loop& loop, int& error) {
-    avahi_set_log_function([](AvahiLogLevel, const char*) {}); // it would write to standard error
+    avahi_set_log_function([](AvahiLogLevel, const char*) {}); // the default writes to standard error
     AvahiServerConfig config;
     avahi_server_config_init(&config);
-    // It only listens. It could not publish either: both Avahi libraries export avahi_entry_group_free, and
-    // in a process that loads both, the core's entry groups may be freed by the client's function.
+    // Publishing is not needed, and would not be safe: both Avahi libraries export avahi_entry_group_free,
+    // and in a process that loads both, the core's entry groups may be freed by the client library's
+    // function.
     config.disable_publishing = 1;
     config.publish_hinfo = 0;
     config.publish_addresses = 0;

@@ -52,7 +52,8 @@ void Service::leave(State next, bool hasFailed) {
 
 void Service::handle(const HostEvent& event) {
     if (event.error != AVAHI_OK) {
-        // The timeout is counted here. A daemon that has gone takes the service off the network anyway.
+        // The timeout is measured here, not by Avahi. An error that means that the daemon is ending is no
+        // failure of the service: the lookup is repeated with the next daemon.
         if (state_ == State::asked && event.error != AVAHI_ERR_TIMEOUT && !backend_->mayRecover(event.error))
             fail(event.error);
         return;

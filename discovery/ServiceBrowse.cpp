@@ -13,8 +13,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// Services come in bursts: a whole packet's worth makes one report, and a set of thousands is not compared
-/// for each of its names.
+/// Services arrive in bursts. These delays combine the services of a datagram into one report, and limit how
+/// often a large set is compared.
 constexpr auto reportDelay = 10ms;
 constexpr auto largeReportDelay = 100ms;
 constexpr std::size_t largeReport = 256;
@@ -23,7 +23,7 @@ constexpr std::size_t largeReport = 256;
 /// that has not answered by then is gone.
 constexpr auto rediscoveryTime = 3s;
 
-/// How long the end of the daemon may take to become known after a lookup failed because of it.
+/// How long after a failed lookup the end of the daemon may be reported.
 constexpr auto disconnectTime = 1s;
 
 constexpr auto maxRetryDelay = 60s;
@@ -78,12 +78,12 @@ void ServiceBrowse::afterAllForNow() {
     });
 }
 
-/// The daemon is alive, but does not browse: it is asked again, at growing intervals.
+/// If the daemon has not ended, retries the browse with growing delays.
 void ServiceBrowse::handleFailure(int error) {
     const auto delay = backend_->mayRecover(error) ? disconnectTime : 0s;
     loop_.after(delay, [weak = weak_from_this(), lookup = std::weak_ptr(lookup_), error] {
         const auto self = weak.lock();
-        if (!self || lookup.expired()) return; // the daemon had gone
+        if (!self || lookup.expired()) return; // the daemon has ended
         if (!std::exchange(self->hasFailed_, true))
             self->report_(BrowseFailed{self->number_, avahi_strerror(error)});
         self->retry();

@@ -1,7 +1,8 @@
-// Discovers services by mDNS for the program that has started it, over the socket that it was given.
+// Discovers services by mDNS for its parent process. Requests and reports pass over the socket that it
+// inherits.
 //
-// It parses datagrams from anyone on the network with a library that some of them crash. So it is a separate,
-// confined process without any state that its successor could not find again.
+// It parses datagrams from any host on the network with a library that some datagrams crash. It is therefore
+// a separate, confined process, and holds no state that its successor could not restore.
 
 #include "Aliases.h"
 #include "Confinement.h"
@@ -27,11 +28,12 @@ namespace tessary::discovery {
 
 namespace {
 
-/// The cache is full after 16,384 records, of which the largest datagrams carry a few hundred each.
+/// The cache is full at 16,384 records, and one datagram carries a few hundred at most, so checking after
+/// this many datagrams is often enough.
 constexpr unsigned manyDatagrams = 32;
 constexpr auto exhaustionDelay = std::chrono::seconds(5);
 
-/// The other end of the socket.
+/// The connection to the parent process.
 class Program {
   public:
     Program(Loop& loop, std::uint8_t refused)
@@ -43,7 +45,7 @@ class Program {
         loop.poll()->watch_new(loop.poll(), socketDescriptor, AVAHI_WATCH_IN, readable, this);
     }
 
-    /// A datagram has arrived. Many of them may have filled the cache.
+    /// A datagram has arrived. After `manyDatagrams` of them, checks whether the cache is full.
     void noteDatagram() {
         if (++datagrams_ == manyDatagrams) loop_.after(exhaustionDelay, [this] { endIfExhausted(); });
     }
@@ -79,19 +81,19 @@ class Program {
     }
     void handle(const Ping&) { send(Pong{}); }
 
-    /// A new process has an empty cache.
+    /// Ends the process if its cache is full; the next process starts with an empty one.
     void endIfExhausted() {
         datagrams_ = 0;
         if (engine_ && engine_->isExhausted()) std::_Exit(exhaustedStatus);
     }
 
-    /// One write carries all the reports of a turn of the loop.
+    /// Combines all reports of one turn of the loop into one write.
     void send(const Report& report) {
         if (out_.empty()) loop_.post([this] { flush(); });
         encode(report, out_);
     }
 
-    /// Blocks while the socket is full; the program reads as soon as it can.
+    /// Blocks while the socket is full, until the parent process reads.
     void flush() {
         for (std::span<const std::uint8_t> rest = out_; !rest.empty();) {
             const ssize_t size = ::send(socketDescriptor, rest.data(), rest.size(), MSG_NOSIGNAL);
@@ -106,7 +108,7 @@ class Program {
     MessageReader<Request> requests_;
     std::vector<std::uint8_t> out_;
     std::optional<Engine> engine_;
-    unsigned datagrams_ = 0; ///< since the cache was last looked at
+    unsigned datagrams_ = 0; ///< since the last check of the cache
 };
 
 Program* program = nullptr;
@@ -117,7 +119,7 @@ bool isStartedByProgram() {
     return getsockopt(socketDescriptor, SOL_SOCKET, SO_TYPE, &type, &size) == 0;
 }
 
-/// Leaves nothing open but the socket.
+/// Redirects the standard streams to /dev/null and closes all other files except the socket.
 void closeOthers() {
     const int null = open("/dev/null", O_RDWR);
     for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
@@ -129,8 +131,8 @@ void closeOthers() {
 
 } // namespace tessary::discovery
 
-/// Stands in for the C library's function of this name, by which libavahi-core receives its datagrams: it
-/// gives no other way to look at them first.
+/// Replaces the C library's function, with which libavahi-core receives its datagrams. The library offers no
+/// other way to change them before it parses them.
 extern "C" ssize_t recvmsg(int socket, msghdr* message, int flags) {
     const ssize_t size = syscall(SYS_recvmsg, socket, message, flags);
     if (size > 0 && message->msg_name && message->msg_iovlen == 1) { // a datagram from the network
@@ -156,5 +158,5 @@ int main() {
     } catch (const std::exception&) {
         return EXIT_FAILURE;
     }
-    std::_Exit(EXIT_SUCCESS); // the program has ended: no orderly cleanup is needed
+    std::_Exit(EXIT_SUCCESS); // the parent process has ended: no cleanup is needed
 }

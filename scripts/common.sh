@@ -1,4 +1,4 @@
-# What the scripts share. Sourced, not run.
+# Functions shared by the scripts. Sourced, not executed.
 
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -12,7 +12,7 @@ fail() {
 build_packages=(g++ cmake dpkg-dev ninja-build pkg-config python3 libasio-dev libasound2-dev
     libavahi-client-dev libavahi-core-dev libglib2.0-dev libjack-jackd2-dev libseccomp-dev libsystemd-dev libxcb1-dev qt6-base-dev libgtest-dev)
 
-# Installs those of the named Debian packages that are missing; says so, and asks nothing if none is.
+# Installs the named Debian packages that are missing. Needs neither root nor apt-get if none is missing.
 install_packages() {
     local missing=() package
     for package in "$@"; do
@@ -38,7 +38,7 @@ install_packages() {
     rm -f "$log"
 }
 
-# Configures and builds a preset, or only the targets named behind it.
+# Configures and builds a preset: all of it, or only the given targets.
 build() {
     local preset=$1 targets=() log
     shift

@@ -1,3 +1,3 @@
-"""A laboratory for the whole program: hosts on networks of their own, real processes on them, desktops, captures, and a
-virtual machine. The tests and the benchmarks of the whole program use it; `tools` must be on PYTHONPATH.
+"""Test fixtures for the whole program: hosts in network namespaces, real processes on them, desktops, captures, and a
+virtual machine. Used by the system tests and the benchmarks; `tools` must be on PYTHONPATH.
 """

@@ -1,5 +1,5 @@
-"""A desktop session for the tests of the panel: a session bus, a display, panels, and a foreign client that reads the
-menu as panels do."""
+"""A desktop session for tests of the status item: a session bus, a display, panels, and an independent D-Bus client that
+reads the menu as panels do."""
 import collections
 import json
 import os
@@ -40,12 +40,12 @@ MenuLine = collections.namedtuple("MenuLine", "identity title enabled checked sh
 
 
 def literal(label):
-    """What a panel shows of a label: one underscore marks the key of a line, two are one."""
+    """The text that a panel shows for a label: one underscore marks the access key, two stand for one."""
     return re.sub(r"_(.?)", r"\1", label, flags=re.DOTALL)
 
 
 def contrast(lighter, darker):
-    """Of two tones of grey, 0 to 255 (WCAG 2, 1.4.11: 3 is enough for an icon)."""
+    """The contrast of two grey values, 0 to 255 (WCAG 2, 1.4.11: an icon needs at least 3)."""
     def luminance(value):
         value /= 255
         return value / 12.92 if value <= 0.04045 else ((value + 0.055) / 1.055) ** 2.4
@@ -54,7 +54,7 @@ def contrast(lighter, darker):
 
 
 class Desktop:
-    """A session of one user on a host."""
+    """A desktop session of one user on a host."""
 
     def __init__(self, test, host):
         if missing := [tool for tool in TOOLS if not shutil.which(tool)]:
@@ -78,14 +78,14 @@ class Desktop:
         return self
 
     def start_display(self):
-        # By default it resets when its last client leaves, and loses clients that connect at that moment.
+        # By default Xvfb resets when its last client disconnects, and loses clients that connect at that moment.
         self.display = self.process("Xvfb", "-displayfd", "1", "-noreset", "-screen", "0", "480x320x24",
                                     "-nolisten", "tcp")
         self.variables["DISPLAY"] = ":" + self.display.wait_for(r"^(\d+)$")[1][1]
         return self
 
     def install_icons(self):
-        """Where a package would put them, but for this user only."""
+        """Installs the icons of the package for this user only."""
         shutil.copytree(BUILD / "packaging/icons/hicolor", self.data / "icons/hicolor")
 
     def process(self, *command, **more):
@@ -108,7 +108,7 @@ class Desktop:
         return self.process("trayer", "--edge", "top", "--align", "left", "--widthtype", "request", "--height", "28",
                             "--transparent", "false")
 
-    # As a panel's client
+    # D-Bus, as panels use it
 
     def _busctl(self, *arguments):
         command = ["busctl", f"--address={self.variables['DBUS_SESSION_BUS_ADDRESS']}", "--json=short", "--", *arguments]
@@ -119,7 +119,7 @@ class Desktop:
         return json.loads(result.stdout)["data"] if result.stdout.strip() else None
 
     def _item(self):
-        """Bus name and path of the program's item, as the watcher has it."""
+        """Bus name and path of the program's item, as registered with the watcher."""
         try:
             items = self._busctl("get-property", WATCHER, "/StatusNotifierWatcher", WATCHER,
                                  "RegisteredStatusNotifierItems")
@@ -139,7 +139,7 @@ class Desktop:
         return self._busctl("call", service, self.item_property("Menu"), MENU_INTERFACE, method, *arguments)
 
     def menu(self, opening=True):
-        """The lines as a panel reads them, None for a separator; `opening` asks the program first, as most do."""
+        """The lines as a panel reads them, None for a separator. With `opening`, calls AboutToShow first, as most panels do."""
         if opening:
             self._menu("AboutToShow", "i", "0")
         _, (_, _, lines) = self._menu("GetLayout", "iias", "0", "-1", "0")
@@ -171,7 +171,7 @@ class Desktop:
         self._menu("Event", "isvu", "0", event, "i", "0", "0")
 
     def monitor(self):
-        """The signals of the program's item and menu, one per line."""
+        """A process that prints the signals of the program's item and menu, one per line."""
         service, _ = self.wait_for_item()
         process = self.process("gdbus", "monitor", "--session", "--dest", service)
         process.wait_for("is owned by")
@@ -180,10 +180,10 @@ class Desktop:
     def about_to_show(self):
         self._menu("AboutToShow", "i", "0")
 
-    # As the eyes and the hand in front of it
+    # Screen and input
 
     def screenshot(self, name):
-        """Also kept in the folder that TESSARY_SCREENSHOTS names."""
+        """Takes a screenshot; also copies it to the folder in TESSARY_SCREENSHOTS, if set."""
         path = self.directory / f"{name}.png"
         self.run("import", "-silent", "-window", "root", str(path))
         if folder := os.environ.get("TESSARY_SCREENSHOTS"):
@@ -206,7 +206,7 @@ class Screenshot:
         self.rows = [pixels[y * self.width:(y + 1) * self.width] for y in range(self.height)]
 
     def differing(self, other):
-        """The bounds of what differs: left, top, right, bottom; None if nothing does."""
+        """The bounds of the differing pixels: left, top, right, bottom; None without a difference."""
         rows = [y for y in range(self.height) if self.rows[y] != other.rows[y]]
         if not rows:
             return None
@@ -214,6 +214,6 @@ class Screenshot:
         return columns[0], rows[0], columns[-1] + 1, rows[-1] + 1
 
     def contrast(self, left, top, right, bottom):
-        """Between the lightest and the darkest pixel there."""
+        """The contrast of the lightest and the darkest pixel in the given bounds."""
         values = [value for y in range(top, bottom) for value in self.rows[y][left:right]]
         return contrast(max(values), min(values))

@@ -1,6 +1,6 @@
-"""Multicast DNS as no responder sends it (RFC 6762): hostile records, for the network of a test.
+"""Sends hostile multicast DNS records (RFC 6762) on the network of a test.
 
-    mdns.py ADDRESS KIND [COUNT [PAUSE]]   sends a kind of datagram from that address, again and again
+    mdns.py ADDRESS KIND [COUNT [PAUSE]]   sends the datagrams of a kind from that address COUNT times
 """
 import socket
 import struct
@@ -21,7 +21,7 @@ def record(owner, kind, ttl, data, unique=False):
 
 
 def datagrams(records, size=1300):
-    """Responses of at most that many bytes."""
+    """Packs records into responses of about `size` bytes each."""
     packet, count = b"", 0
     for each in records:
         if packet and len(packet) + len(each) > size:
@@ -44,7 +44,7 @@ class Sender:
 
 
 def service(instance, host, kind=MIDI):
-    """A service that is looked up at once, and so is its host."""
+    """The records of a service: the program looks up the service and its host at once."""
     return [record(name(*kind), PTR, 120, name(instance, *kind)),
             record(name(instance, *kind), SRV, 120, struct.pack("!HHH", 0, 0, 5004) + host, True)]
 
@@ -54,14 +54,14 @@ def alias(owner, target, ttl=120, unique=False):
 
 
 def loop(number, length):
-    """Aliases of a host, the last of which points to the first."""
+    """A service whose host is a cycle of aliases."""
     hosts = [name(f"loop-{number}-{each}", "local") for each in range(length)]
     return service(f"Loop {number}", hosts[0]) + [
         alias(host, hosts[(each + 1) % length]) for each, host in enumerate(hosts)]
 
 
 def passing(number, owner, kind, data):
-    """An alias whose target expires after a second; one that expires itself; one that changes."""
+    """Three steps: an alias whose target expires after a second; an alias that expires; an alias that changes."""
     target = name(f"short-{number}", "local")
     return [[alias(owner, target), record(target, kind, 1, data)],
             [alias(owner, name(f"other-{number}", "local"), ttl=1, unique=True)],
@@ -83,7 +83,7 @@ def type_passes(number, kind=MIDI):
     return passing(number, name(*kind), PTR, name(f"Type {number}", *kind))
 
 
-# Each kind: from a number, groups of records; each group goes out in datagrams of its own.
+# Each kind maps a number to groups of records. Each group is sent in separate datagrams.
 KINDS = {
     "itself": lambda number: [loop(number, 1)],
     "two": lambda number: [loop(number, 2)],
@@ -101,7 +101,7 @@ KINDS = {
 
 
 def flood(number, count=200_000, ttl=0x7FFFFFFF):
-    """Records that are kept for years, as many as go into large datagrams."""
+    """Datagrams of almost 9,000 bytes, filled with records whose time to live is 68 years."""
     owner = b"\x01f\x05local\0"
     return datagrams((record(bytes([7]) + b"%07x" % (number * count + each) + owner, 1, ttl, b"\x0a\x4d\x09\x09")
                       for each in range(count)), 8900)

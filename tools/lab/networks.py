@@ -1,8 +1,8 @@
-"""Hosts on networks of their own.
+"""Isolated hosts and networks.
 
-Every host is a network namespace and a mount namespace of its own, with its own /run and /dev/shm, so that
-neither the machine's D-Bus, Avahi and JACK nor another test is in reach. A namespace lives as long as its
-processes do, and those die with the test: nothing is left behind, whatever happens.
+Every host has its own network and mount namespaces, with its own /run and /dev/shm, so that processes on it cannot reach
+the machine's D-Bus, Avahi and JACK, nor another test's. The kernel removes a namespace with its last process, and all
+processes are killed when the test ends, so nothing is left behind even if the test crashes.
 """
 import subprocess
 import unittest
@@ -11,7 +11,7 @@ from lab.processes import environment
 
 
 class Host:
-    """A machine of its own as far as network, /run and /dev/shm go."""
+    """A host with its own network, /run and /dev/shm."""
 
     def __init__(self, test):
         script = "mount -t tmpfs none /dev/shm; mount -t tmpfs none /run; ip link set lo up; echo; exec cat"
@@ -34,12 +34,12 @@ class Host:
                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
 
     def ip(self, *lines):
-        """Runs several commands of `ip` at once."""
+        """Runs several commands of `ip` in one process."""
         self.run("ip", "-batch", "-", text="\n".join(lines) + "\n")
 
 
 class Network:
-    """Switches, and hosts on them."""
+    """Switches, and hosts connected to them."""
 
     def __init__(self, test):
         self._test = test
@@ -53,7 +53,7 @@ class Network:
         return host
 
     def attach(self, host, *addresses, switch="lan"):
-        """Gives the host one more interface, named after the switch, with those addresses (a.b.c.d/n)."""
+        """Adds an interface to the host, named after the switch, with the given addresses (a.b.c.d/n)."""
         commands = []
         if switch not in self._bridges:
             self._bridges.add(switch)

@@ -1,4 +1,4 @@
-"""Real processes, whose output can be waited for."""
+"""Real processes, and waiting for their output."""
 import fcntl
 import os
 import pathlib
@@ -11,7 +11,7 @@ import time
 
 
 def until(condition, timeout, what):
-    """Polls a condition that no event reports."""
+    """Polls a condition until it holds, for conditions that no event reports; returns its value."""
     deadline = time.monotonic() + timeout
     while not (result := condition()):
         if time.monotonic() > deadline:
@@ -21,7 +21,7 @@ def until(condition, timeout, what):
 
 
 class Process:
-    """A process whose output lines can be waited for. Ends with its test."""
+    """A process, and waiting for its output lines. It is ended with its test."""
 
     def __init__(self, test, command, host=None, env=None, stdout=None):
         self.name = pathlib.Path(command[0]).name
@@ -33,10 +33,10 @@ class Process:
         self.popen = subprocess.Popen(prefix + [str(part) for part in command], env=env or environment(),
                                       stdin=subprocess.DEVNULL, stdout=stdout or subprocess.PIPE,
                                       stderr=self.errors)
-        self.pid = self.popen.pid  # each program of the prefix becomes the next
+        self.pid = self.popen.pid  # each program of the prefix executes the next in the same process
         self._reader = None
         if stdout is None:
-            # Room for output while this reader does not run: some programs block on a full pipe, others drop lines.
+            # A large pipe, because this reader may be delayed: some programs block on a full pipe, others drop lines.
             fcntl.fcntl(self.popen.stdout, fcntl.F_SETPIPE_SZ, 1 << 20)
             self._reader = threading.Thread(target=self._read, daemon=True)
             self._reader.start()
@@ -58,12 +58,12 @@ class Process:
             return [line for _, line in self.output]
 
     def times(self, pattern):
-        """The moments of the lines that match so far."""
+        """The times of the lines so far that match."""
         with self._news:
             return [moment for moment, line in self.output if re.search(pattern, line)]
 
     def wait_for(self, pattern, timeout=10, times=1):
-        """Waits until that many lines match; answers the time and the match of the last of them."""
+        """Waits until `times` lines match; returns the time and the match of the last of them."""
         deadline = time.monotonic() + timeout
         seen, found = 0, 0
         with self._news:
@@ -95,7 +95,7 @@ class Process:
         if self.popen.poll() is None:
             self.signal(signal.SIGTERM)
             try:
-                self.wait(10)  # many devices take their time to withdraw
+                self.wait(10)  # a process with many devices withdraws its announcements first
             except subprocess.TimeoutExpired:
                 self.kill()
 
@@ -106,9 +106,9 @@ class Process:
 
 
 def environment(**more):
-    """The caller's, without what leads to its session's services."""
+    """The caller's environment, without the variables that refer to services of its desktop session."""
     kept = {key: value for key, value in os.environ.items()
             if not key.startswith(("DBUS_", "JACK_", "XDG_")) and key not in ("DISPLAY", "WAYLAND_DISPLAY")}
-    # ThreadSanitizer would wait a second at the end for threads that still run.
+    # By default ThreadSanitizer waits a second at the exit for threads that still run.
     sanitizer = kept.get("TSAN_OPTIONS", "") + " atexit_sleep_ms=0"
     return kept | {"JACK_NO_AUDIO_RESERVATION": "1", "LC_ALL": "C.UTF-8", "TSAN_OPTIONS": sanitizer} | more

@@ -29,7 +29,7 @@ TOOLS = ("ip", "nsenter", "unshare", "setpriv", "jackd", "jack_connect", "jack_l
 
 
 class SystemTest(unittest.TestCase):
-    """A test with a network, its processes, and their output in print if it fails."""
+    """A test with a network and processes; prints the output of the processes if it fails."""
 
     def setUp(self):
         if os.geteuid() != 0:
@@ -60,7 +60,7 @@ class SystemTest(unittest.TestCase):
         return Process(self, [DEVICE, *options], host)
 
     def assertNotes(self, receiver, count):
-        """What the receiver heard is the beginning of the device's scale, each message once, in order."""
+        """Asserts that the receiver has received the first `count` messages of the device's scale, each once, in order."""
         heard, expected = receiver.messages, [scale(number) for number in range(count)]
         if heard != expected:
             place = next((n for n, pair in enumerate(zip(heard, expected)) if pair[0] != pair[1]), len(heard))
@@ -69,7 +69,7 @@ class SystemTest(unittest.TestCase):
 
 
 class Program(Process):
-    """The program under test. Its preferences live in `config`."""
+    """The program under test. Its preferences are in the folder `config`."""
 
     def __init__(self, test, host, config=None, stdout=None, variables=None, executable=PROGRAM,
                  limits=()):
@@ -83,7 +83,7 @@ class Program(Process):
         return json.loads((self.config / "tessary-link/preferences.json").read_text())
 
     def terminate(self, number=signal.SIGTERM):
-        """It ends within a second, and well; answers its log."""
+        """Sends a signal, asserts that the program exits within a second with status 0, and returns its log."""
         began = time.monotonic()
         self.signal(number)
         status = self.wait(20)
@@ -99,9 +99,8 @@ class Program(Process):
 
 
 class JackServer:
-    """A JACK server of the host's own, without sound hardware. It waits for each of its clients in each cycle:
-    one that does not (`patient` False) drops a client's whole period when the machine is busy, which would look
-    like lost notes."""
+    """A JACK server on the host, without sound hardware. It waits for all clients in each cycle. With `patient` False it
+    does not, and drops a client's whole period when the machine is busy, which would look like lost notes."""
 
     def __init__(self, test, host, patient=True, priority=None):
         self._test, self._host = test, host
@@ -119,19 +118,19 @@ class JackServer:
 
 
 class Receiver(Process):
-    """A foreign JACK client, connected to the program's source, which prints its messages."""
+    """An independent JACK client that is connected to the program's source and prints its messages."""
 
     COMMAND = ("jack_midi_dump",)
 
     def __init__(self, test, host):
-        # jack_lsp takes no part in the server's cycles. Clients that do may stall a JACK server of this version
-        # for good if they come at the same moment, so they come one by one.
+        # Two clients that activate at the same moment may stall this version of the JACK server for good, so they are
+        # started one after the other. jack_lsp does not activate.
         def ports():
             return host.run("jack_lsp", check=False).stdout.splitlines()
         until(lambda: SOURCE in ports(), 10, "the source is there")
         super().__init__(test, [*self.COMMAND, "receiver"], host)
         until(lambda: "receiver:input" in ports(), 10, "the receiver is there")
-        # The server shows the port before the client is active.
+        # The server lists the port before the client is active, so the first attempts to connect may fail.
         until(lambda: host.run("jack_connect", SOURCE, "receiver:input", check=False).returncode == 0, 10,
               "the receiver is connected")
 
@@ -145,13 +144,13 @@ class Receiver(Process):
 
 
 class LongReceiver(Receiver):
-    """One that takes long System Exclusive too."""
+    """A receiver that accepts long System Exclusive too."""
 
     COMMAND = (sys.executable, ROOT / "tools/lab/jack_receiver.py")
 
 
 def scale(number):
-    """Message `number` of the device's scale."""
+    """The message with this number in the device's scale."""
     note = (60, 62, 64, 65, 67, 69, 71, 72)[number // 2 % 8]
     return bytes((0x80 if number % 2 else 0x90, note, number % 127 + 1))
 
@@ -219,7 +218,7 @@ class Capture(Tshark):
 
 
 class MainThreadHold:
-    """Holds up the main thread of a process, and no other, while the `with` block runs."""
+    """Stops the main thread of a process, and no other thread, during the `with` block."""
 
     SEIZE, INTERRUPT, DETACH, WALL = 0x4206, 0x4207, 17, 0x40000000
 

@@ -1,4 +1,4 @@
-// A participant built on the npm package `rtpmidi`: accepts one session and plays COUNT notes, two to a datagram.
+// A peer built on the npm package `rtpmidi`: accepts one session and plays COUNT notes, two per datagram.
 //
 //     node rtpmidi_peer.js PACKAGE_FOLDER CONTROL_PORT COUNT
 const [, , folder, port, count] = process.argv;
@@ -8,8 +8,8 @@ const session = manager.createSession({ port: Number(port), bonjourName: 'Other'
 
 session.on('ready', () => console.log('listening'));
 
-// The package remembers one token, that of the control port, and would accept the data port with it. An acceptance
-// carries the token of the invitation that it answers.
+// The package stores one token, that of the control invitation, and would also accept the data invitation with it. An
+// acceptance must carry the token of the invitation that it answers.
 session.on('controlMessage', (message) => {
   const stream = message.command === 'invitation' && session.getStream(message.ssrc);
   if (stream) stream.token = message.token;
@@ -17,7 +17,7 @@ session.on('controlMessage', (message) => {
 
 session.on('streamAdded', ({ stream }) => {
   stream.on('control-message', (message) => {
-    // It plays only once it has had a clock exchange of its own answered.
+    // Starts a clock exchange of its own, and plays when it has been answered.
     if (message.command === 'synchronization' && message.count === 0) stream.sendSynchronization();
     if (message.command === 'synchronization' && message.count === 1) play(stream);
   });

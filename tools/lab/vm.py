@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
-"""A small virtual machine, for what the machine at hand has no hardware or kernel modules for: Debian's own kernel,
-under qemu's emulator, with the files of this machine.
+"""A small virtual machine for tests that need kernel modules or hardware that this machine lacks: Debian's kernel,
+emulated by QEMU, with the files of this machine.
 
-    vm.py COMMAND [ARGUMENT]...     runs a command in it, as root, in the present directory; ends as the command does
+    vm.py COMMAND [ARGUMENT]...     runs a command in it as root, in the current directory; exits with its status
 
-The guest sees this machine's root with a layer of memory above it: it may write anywhere, and nothing of that arrives
-here. It has no network but what it makes itself, and its /run and /dev/shm are empty at the start. TESSARY_VM is set
-in it. The start takes about ten seconds.
+The guest's root file system is this machine's with an overlay in memory: the guest may write anywhere, and the host's
+files do not change. It has no network except what it creates itself, and its /run and /dev/shm are empty at the start.
+The environment variable TESSARY_VM is set in it. The start takes about ten seconds.
 """
 import os
 import pathlib
@@ -16,13 +16,13 @@ import subprocess
 import sys
 import tempfile
 
-# Memory that pages are only taken of as the guest touches them.
+# The guest's memory. The host allocates a page only when the guest first uses it.
 MEGABYTES = 1024
-# What the root file system and the way back to us need; everything else is loaded from there.
+# Needed for the root file system and the ports to the host. All other modules are loaded from the root file system.
 MODULES = ("virtio_pci", "virtio_console", "9pnet_virtio", "9p", "overlay")
 TOOLS = ("qemu-system-x86_64", "busybox", "setpriv")
 
-# The first process, from the boot archive.
+# The first process of the guest, in the boot archive.
 INIT = """#!/bin/busybox sh
 export PATH=/bin
 busybox mkdir -p /proc /sys /dev /host /memory /root
@@ -42,7 +42,7 @@ busybox cp /start /root/run/start
 exec busybox switch_root /root /bin/sh /run/start
 """
 
-# The first process from then on. The port of the status is opened by name, whatever order they come in.
+# Its successor, in the root file system. The ports are found by name, because their order may vary.
 START = """
 export {environment}
 for port in /sys/class/virtio-ports/*; do
@@ -58,11 +58,11 @@ busybox poweroff -f
 
 
 class Unavailable(Exception):
-    """This machine lacks what a virtual machine takes."""
+    """This machine lacks a program or a kernel that the virtual machine needs."""
 
 
 def _kernel():
-    """The newest of Debian's kernels here, and the folder of its modules."""
+    """The newest installed Debian kernel, and the folder of its modules."""
     def version(path):
         return [int(part) if part.isdigit() else part for part in path.name.replace("-", ".").split(".")]
     for image in sorted(pathlib.Path("/boot").glob("vmlinuz-*-amd64"), key=version, reverse=True):
@@ -73,7 +73,7 @@ def _kernel():
 
 
 def _module_files(modules, names):
-    """The files of those modules and of all that they need, in the order in which they can be loaded."""
+    """The files of the modules and of their dependencies, in loading order."""
     needs = {}
     for line in (modules / "modules.dep").read_text().splitlines():
         file, _, others = line.partition(":")
@@ -82,7 +82,7 @@ def _module_files(modules, names):
     files = []
     for name in names:
         file = by_name.get(name.replace("-", "_"))
-        if file:  # else it is part of the kernel itself
+        if file:  # otherwise it is built into the kernel
             files += [need for need in [*reversed(needs[file]), file] if need not in files]
     return [modules / file for file in files]
 
@@ -100,11 +100,11 @@ def _archive(files):
 
 
 def run(command, timeout, environment=None, directory=None, output=None):
-    """Boots, runs the command, and answers its exit status.
+    """Boots the machine, runs the command, and returns its exit status.
 
-    Its output goes to the file object `output` (default: our standard output) while it runs. Raises `Unavailable`
-    where there can be no such machine, and AssertionError, with what the kernel said, if the machine is not through
-    after `timeout` seconds or ends without a status.
+    The command's output goes to the file object `output` (default: standard output) while it runs. Raises `Unavailable`
+    if the machine cannot be started here, and AssertionError, with the kernel's console output, if it runs for more than
+    `timeout` seconds or ends without a status.
     """
     if missing := [tool for tool in TOOLS if not shutil.which(tool)]:
         raise Unavailable("missing: " + ", ".join(missing))
@@ -133,7 +133,7 @@ def run(command, timeout, environment=None, directory=None, output=None):
                 "-chardev", "stdio,id=output,signal=off", "-device", "virtserialport,chardev=output,name=output",
                 "-chardev", f"file,id=status,path={here / 'status'}",
                 "-device", "virtserialport,chardev=status,name=status"]
-        # The way out counts as closed, and takes nothing, once the way in is.
+        # Keep QEMU's standard input open: at its end QEMU closes the port, and the guest's output would be lost.
         machine = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", *map(str, qemu)], stdin=subprocess.PIPE,
                                    stdout=output or sys.stdout)
         ended = "ended"

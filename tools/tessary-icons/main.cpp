@@ -1,7 +1,7 @@
-// Writes the icon files that a desktop looks for, all of the program's one drawing: the symbolic icon, the
-// application icon, and pixels of it for desktops that read no SVG.
+// Writes the installed icon files, all made from one drawing: the symbolic icon, and the application icon as
+// SVG and, for desktops that do not read SVG, as PNG.
 //
-//   tessary-icons FOLDER    writes into FOLDER as into `hicolor` (freedesktop.org icon theme)
+//   tessary-icons FOLDER    writes into FOLDER with the layout of `hicolor` (freedesktop.org icon theme)
 
 #include "AppDelegate.h"
 #include "Platform/qt/ImagePainter.h"
@@ -18,16 +18,16 @@ using namespace tessary;
 namespace {
 
 // The application icon: the drawing in white on a tile.
-constexpr double tileMargin = 1.0; // in points of the drawing, like all lengths here
+constexpr double tileMargin = 1.0; // all lengths here are in the drawing's units
 constexpr double tileRadius = 4.0;
-constexpr double tilePadding = 3.2; // from the tile's edge to the drawing's
+constexpr double tilePadding = 3.2; // between the tile's edge and the drawing
 const QString tileColor = QStringLiteral("#1c5d83");
 
 QString number(double value) {
     return QString::number(value, 'g', 6);
 }
 
-/// SVG path data (its y grows downward).
+/// Builds SVG path data, in which y grows downward.
 class PathData {
   public:
     explicit PathData(double height)
@@ -60,8 +60,8 @@ class PathData {
     QString text_;
 };
 
-/// One path, filled by the even-odd rule. Outlines become rings, because panels that recolour a symbolic icon
-/// fill every path and know no strokes.
+/// Returns one path for the even-odd fill rule. Outlines become rings, because panels that recolour a
+/// symbolic icon fill every path and ignore strokes.
 QString pathData(const Image& image) {
     PathData data(image.height);
     for (const Shape& shape : image.draw({{0, 0}, image.width, image.height}))
@@ -76,7 +76,7 @@ QString pathData(const Image& image) {
     return data.text();
 }
 
-/// In the colour of text, as GTK and as KDE tell it to an icon.
+/// In the text colour, which GTK and KDE set in different ways.
 QString symbolicSVG(const Image& image) {
     return QStringLiteral(
                R"svg(<svg xmlns="http://www.w3.org/2000/svg" width="16" height="16" viewBox="0 0 %1 %2">

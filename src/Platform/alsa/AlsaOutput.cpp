@@ -21,7 +21,7 @@ namespace {
 constexpr MIDIObjectRef clientRef = 1;
 constexpr MIDIObjectRef sourceRef = 2;
 
-/// Fixed, because saved connections name it.
+/// Fixed, because saved connections store it.
 constexpr int portNumber = 0;
 
 constexpr unsigned portCapabilities = SND_SEQ_PORT_CAP_READ | SND_SEQ_PORT_CAP_SUBS_READ;
@@ -59,17 +59,17 @@ class AlsaOutput::Client {
     Log& log_;
     snd_seq_t* sequencer_ = nullptr;
     SequencerEncoder encoder_;
-    std::optional<PacedSender> sender_; ///< exactly while there is a port
+    std::optional<PacedSender> sender_; ///< present exactly while the port exists
 };
 
 MIDIStatus AlsaOutput::Client::open(std::string_view name) {
-    // The library would write its opinion of a machine without a sequencer to the terminal.
+    // On a machine without a sequencer libasound would print an error to the terminal.
     snd_lib_error_set_handler(ignoreMessage);
     const int status = snd_seq_open(&sequencer_, "default", SND_SEQ_OPEN_OUTPUT, SND_SEQ_NONBLOCK);
-    snd_config_update_free_global(); // the configuration has served its purpose, and is large
+    snd_config_update_free_global(); // the parsed configuration is large and no longer needed
     if (status < 0) return status;
-    // The library's and the kernel's buffers for sending are made with the first event. This one goes
-    // nowhere, for there is no port yet that it could come from.
+    // libasound and the kernel allocate their send buffers with the first event. This one has no source port
+    // yet, so the kernel delivers it to no client.
     constexpr std::array<std::uint8_t, PacedSender::pieceSize> piece{0xF0};
     send(0, piece);
     return snd_seq_set_client_name(sequencer_, std::string(name).c_str());
@@ -80,8 +80,8 @@ MIDIStatus AlsaOutput::Client::openPort(std::string_view name) {
     try {
         sender_.emplace(
             [this](std::uint64_t hostTime, std::span<const std::uint8_t> bytes) {
-                // A subscriber's full queue shows as an error here. The others have got the event: it is
-                // never sent again.
+                // An error here may mean that one subscriber's queue is full. The other subscribers have
+                // received the event, so it is not sent again.
                 send(hostTime, bytes);
             },
             [this] { return subscribers(); }, log_);

@@ -11,21 +11,23 @@ namespace tessary {
 
 namespace {
 
-/// Whether it can be published: System Exclusive from its F0 to its F7, or any other status but F7.
+/// Whether the message can be published: a complete System Exclusive (F0 … F7), or any other status but F7.
 bool isWhole(std::span<const std::uint8_t> message) {
     if (message.empty() || message[0] < 0x80 || message[0] == 0xF7) return false;
     return message[0] != 0xF0 || message.back() == 0xF7;
 }
 
-/// The sequencer keeps an event in one cell of its pool, and the bytes of a piece in further ones.
+/// The sequencer stores an event in one cell of its pool and the bytes of a System Exclusive event in further
+/// cells of this size.
 constexpr std::size_t bytesOfACell = 28;
 
-/// How soon subscribers are asked again for room.
+/// How often the subscribers' free room is queried while a piece waits.
 constexpr auto roomInterval = std::chrono::milliseconds(1);
-/// A subscriber that has had no room for that long has stopped reading.
+/// A subscriber without room for this long is taken to have stopped reading.
 constexpr auto stallTime = std::chrono::milliseconds(100);
 
-/// Whether the subscriber has room for so many bytes, and then for the notes of the same moment.
+/// Whether the subscriber has room for `size` bytes: half of its queue must stay free for the notes that may
+/// arrive meanwhile, unless the queue is empty.
 bool hasRoom(const Subscriber& subscriber, std::size_t size) {
     const auto cells = static_cast<int>(1 + (size + bytesOfACell - 1) / bytesOfACell);
     return subscriber.room - cells >= subscriber.size / 2 || subscriber.room == subscriber.size;
@@ -77,7 +79,7 @@ void PacedSender::publish(std::uint64_t hostTime, std::span<const std::uint8_t> 
     waiting_.fetch_sub(message.size(), std::memory_order_relaxed);
     if (!isExclusive) return;
     overflown_ = message.size();
-    sem_post(&messages_); // the thread says it
+    sem_post(&messages_); // the thread writes the log line
 }
 
 void PacedSender::run() {
@@ -85,7 +87,7 @@ void PacedSender::run() {
     std::size_t group = 0;
     for (;;) {
         while (sem_wait(&messages_) != 0)
-            continue; // interrupted
+            continue; // interrupted by a signal
         if (isClosing_) return;
         if (const std::size_t size = overflown_.exchange(0); size != 0) reportDropped(size);
         const auto head = ring_.front();
@@ -117,7 +119,7 @@ void PacedSender::sendExclusive(std::uint64_t hostTime, std::span<const std::uin
     }
 }
 
-/// Whether so many bytes can be out by then.
+/// Whether `size` bytes can be sent by `deadline`.
 bool PacedSender::fits(std::size_t size, Clock::time_point deadline) {
     const auto now = Clock::now();
     if (now >= deadline) return false;

@@ -13,22 +13,24 @@
 
 namespace tessary {
 
-/// libasound's encoder for short messages. System Exclusive needs none: its event refers to the bytes.
+/// Encodes short messages with libasound. System Exclusive needs no encoder: its event refers to the bytes.
 ///
-/// Runs on: one thread at a time, apart from real-time messages, which another thread may encode meanwhile.
+/// Runs on: one thread at a time, except that another thread may encode real-time messages meanwhile.
 class SequencerEncoder {
   public:
     /// Errors: throws `std::bad_alloc`.
     SequencerEncoder() = default;
 
-    /// A direct event to every subscriber of the port.
+    /// Returns a direct event to every subscriber of the port.
     ///
     /// @param port      the sending port's number
-    /// @param hostTime  its time stamp, in nanoseconds of the monotonic clock
-    /// @param bytes     a whole message of one to three bytes, or System Exclusive: the whole or a piece of 1
-    ///                  to 256 bytes, which the event then refers to
-    /// @return absent for what the sequencer has no event for: an undefined status, a wrong number of data
-    ///         bytes, or data bytes above 127
+    /// @param hostTime  the time stamp of the event, in nanoseconds of the monotonic clock
+    /// @param bytes     a whole message of one to three bytes, or System Exclusive of 1 to 256 bytes, whole
+    /// or
+    ///                  a piece. The event of a System Exclusive refers to these bytes, so they must outlive
+    ///                  it.
+    /// @return absent if the sequencer has no event for the message: an undefined status, a wrong number of
+    ///         data bytes, or a data byte above 127
     /// Allocates: never.
     std::optional<snd_seq_event_t> encode(std::uint8_t port, std::uint64_t hostTime,
                                           std::span<const std::uint8_t> bytes) {
@@ -43,12 +45,12 @@ class SequencerEncoder {
 
         const std::uint8_t status = bytes[0];
         if (status < 0x80 || status == 0xF0 || status == 0xF7) {
-            auto* const data = const_cast<std::uint8_t*>(bytes.data()); // only read from
+            auto* const data = const_cast<std::uint8_t*>(bytes.data()); // only read
             snd_seq_ev_set_sysex(&event, static_cast<unsigned>(bytes.size()), data);
             return event;
         }
 
-        // The encoder would take a status among the data for the beginning of another message.
+        // The encoder would take a status byte among the data for the start of another message.
         if (std::any_of(bytes.begin() + 1, bytes.end(), [](std::uint8_t byte) { return byte >= 0x80; }))
             return std::nullopt;
         snd_midi_event_t* encoder = (status >= 0xF8 ? realTime_ : other_).get();

@@ -1,6 +1,6 @@
 #include "Platform/alsa/Subscribers.h"
 
-// The kernel's own interface: the library asks of no client's room but the caller's.
+// The kernel's interface, because libasound can query the free room of the calling client only.
 #include <sound/asequencer.h>
 #include <sys/ioctl.h>
 

@@ -1,4 +1,4 @@
-// Who listens to a port of the sequencer, and how much room they have.
+// The subscribers of a sequencer port, and the free room of their queues.
 #pragma once
 
 #include <vector>
@@ -7,17 +7,17 @@ namespace tessary {
 
 struct Subscriber {
     int client = 0;
-    /// Whether the kernel tells its room. It does not of a client of its own, such as a hardware port, which
-    /// takes what a MIDI cable carries.
+    /// Whether the kernel reports the free room of its queue. It does not for kernel clients such as hardware
+    /// ports, which accept messages at the rate of a MIDI cable.
     bool tellsRoom = false;
-    int room = 0; ///< of its queue, in cells of the sequencer
-    int size = 0; ///< of the whole queue, in cells
+    int room = 0; ///< free cells of its queue
+    int size = 0; ///< all cells of its queue
 };
 
-/// Those that a port sends to.
+/// Returns the clients that are subscribed to a port.
 ///
 /// @param sequencer  the descriptor of an open sequencer
-/// Runs on: any thread. Errors: a subscriber that cannot be asked is left out.
+/// Runs on: any thread. Errors: a subscriber that cannot be queried is left out.
 std::vector<Subscriber> subscribersOf(int sequencer, int client, int port);
 
 } // namespace tessary

@@ -32,7 +32,8 @@ struct ServiceName {
 
 } // namespace
 
-/// What is asked of the discovery process, and what it has answered: enough to ask a new process the same.
+/// The requests to the discovery process and its results. Holds all that is needed to repeat the requests to
+/// a new process.
 class DiscoveryClient::Directory {
   public:
     Directory(EventLoop& loop, Log& log, std::filesystem::path executable)
@@ -44,15 +45,15 @@ class DiscoveryClient::Directory {
                                return std::visit([this](const auto& each) { return handle(each); }, report);
                            }}) {}
 
-    /// Begins; the handlers run on `queue` as long as what is returned lives.
+    /// Starts a browse. The handlers run on `queue`, as long as the returned pointer is held.
     std::shared_ptr<BrowserHandlers> browse(const std::string& type, const std::shared_ptr<Queue>& queue,
                                             BrowserHandlers handlers);
     void endBrowse(const std::shared_ptr<BrowserHandlers>& handlers);
 
-    /// Ends the process. What is asked from now on is never answered.
+    /// Ends the process. Later requests have no effect.
     void end() { process_.reset(); }
 
-    /// Answers the number of the service, for `stop`.
+    /// Returns the number of the service, for `stop`.
     std::uint32_t resolve(const std::shared_ptr<Resolver>& resolver, std::chrono::milliseconds timeout);
     void stop(std::uint32_t number, const Resolver& resolver);
 
@@ -65,16 +66,16 @@ class DiscoveryClient::Directory {
         std::shared_ptr<Queue> queue;
         std::shared_ptr<BrowserHandlers> handlers;
         std::set<Result> seen{};
-        std::set<Result> kept{}; // seen before a restart, until the set is complete again
+        std::set<Result> kept{}; // found before a restart; kept until the new set is complete
         std::set<std::string> reported{};
-        std::set<std::string> renewed{}; // to be reported as gone, and then as new
+        std::set<std::string> renewed{}; // to be reported as gone and then as new
         bool isReportDue = false;
     };
     struct ServiceState {
         ServiceName name;
         std::chrono::milliseconds timeout{};
         std::vector<std::weak_ptr<Resolver>> waiting{};
-        std::optional<Resolved> told{}; // the answer that the owner of a resolver has been given
+        std::optional<Resolved> told{}; // the result last delivered to a resolver
     };
     using Services = std::map<std::uint32_t, ServiceState>;
 
@@ -109,7 +110,7 @@ class DiscoveryClient::Directory {
     std::optional<DiscoveryProcess> process_;
 };
 
-/// What the owner of a browser holds.
+/// The handle of a browse: dropping it ends the browse.
 class DiscoveryClient::Browser : public ServiceBrowser {
   public:
     Browser(std::shared_ptr<Directory> directory, std::string type)
@@ -131,7 +132,7 @@ class DiscoveryClient::Browser : public ServiceBrowser {
     std::shared_ptr<BrowserHandlers> handlers_;
 };
 
-/// What the owner of a resolution holds.
+/// The handle of a resolution: dropping it ends the resolution.
 class DiscoveryClient::Resolver : public ServiceResolver, public std::enable_shared_from_this<Resolver> {
   public:
     Resolver(std::shared_ptr<Directory> directory, ServiceName service)
@@ -175,7 +176,7 @@ class DiscoveryClient::Resolver : public ServiceResolver, public std::enable_sha
     const std::shared_ptr<Directory> directory_;
     const ServiceName service_;
     ResolverHandlers handlers_;
-    std::uint32_t number_ = 0; // while one is under way
+    std::uint32_t number_ = 0; // of the service while a resolution is pending, otherwise 0
     std::optional<std::vector<IPv4Host>> addresses_;
     int port_ = -1;
 };
@@ -200,7 +201,7 @@ void DiscoveryClient::Directory::endBrowse(const std::shared_ptr<BrowserHandlers
 
 bool DiscoveryClient::Directory::handle(const Listed& report) {
     const auto found = browses_.find(report.browse);
-    if (found == browses_.end()) return true; // it has just ended
+    if (found == browses_.end()) return true; // the browse has just ended
     if (report.name.empty() || found->second.seen.size() >= maxListed) return false;
     found->second.seen.insert({report.name, report.domain, report.interface});
     return true;
@@ -245,11 +246,12 @@ bool DiscoveryClient::Directory::handle(const BrowseFailed& report) {
     return true;
 }
 
-/// One report for all that changes until it runs: sets are large, and changes may come by the thousand.
+/// Schedules one report for all changes until it runs: sets are large, and thousands of changes may arrive at
+/// once.
 void DiscoveryClient::Directory::reportSoon(BrowseState& browse) {
     if (std::exchange(browse.isReportDue, true)) return;
     browse.queue->post([this, weak = std::weak_ptr(browse.handlers)] {
-        const auto handlers = weak.lock(); // of a browser, which keeps this directory
+        const auto handlers = weak.lock(); // held by a browser, which also holds this directory
         if (!handlers) return;
         const auto found = std::ranges::find_if(
             browses_, [&](const auto& entry) { return entry.second.handlers == handlers; });
@@ -258,7 +260,7 @@ void DiscoveryClient::Directory::reportSoon(BrowseState& browse) {
     });
 }
 
-/// Reports the full set; before that a set without the names that are to be resolved again.
+/// Reports the full set, preceded by a set without the names that must be resolved again, if there are any.
 void DiscoveryClient::Directory::report(BrowseState& browse) {
     std::set<Result> visible = browse.kept;
     visible.insert(browse.seen.begin(), browse.seen.end());
@@ -324,7 +326,7 @@ void DiscoveryClient::Directory::stop(std::uint32_t number, const Resolver& reso
 bool DiscoveryClient::Directory::handle(const Resolved& report) {
     if (!std::ranges::all_of(report.addresses, &IPv4Host::isUnicast)) return false;
     const auto found = services_.find(report.resolution);
-    if (found == services_.end()) return true; // it has just ended
+    if (found == services_.end()) return true; // the resolution has just ended
     ServiceState& service = found->second;
     const auto place = [](const Resolved& resolved) {
         return std::pair(resolved.port, resolved.addresses.empty() ? IPv4Host{} : resolved.addresses.front());
@@ -345,14 +347,14 @@ bool DiscoveryClient::Directory::handle(const Unresolved& report) {
     const auto found = services_.find(report.resolution);
     if (found == services_.end()) return true;
     const auto waiting = std::exchange(found->second.waiting, {});
-    if (!waiting.empty()) found->second.told.reset(); // else what its owner knows stays
+    if (!waiting.empty()) found->second.told.reset(); // otherwise the delivered result stays valid
     endIfUnused(found);
     for (const auto& weak : waiting)
         if (const auto resolver = weak.lock()) resolver->fail(report.reason);
     return true;
 }
 
-/// The service has moved, or has come after all: its name is reported as gone, and then as new.
+/// The service has moved, or was found after its timeout: reports its name as gone and then as new.
 void DiscoveryClient::Directory::renew(const ServiceState& service) {
     const auto& [type, name, domain] = service.name;
     for (auto& [number, browse] : browses_) {
@@ -362,7 +364,7 @@ void DiscoveryClient::Directory::renew(const ServiceState& service) {
     }
 }
 
-/// A service is watched for as long as it is listed.
+/// A service stays watched as long as its name is listed.
 void DiscoveryClient::Directory::endIfUnused(Services::iterator service) {
     const auto& [type, name, domain] = service->second.name;
     if (!service->second.waiting.empty() || isListed(type, name)) return;
@@ -383,7 +385,7 @@ void DiscoveryClient::Directory::endUnlisted(const std::string& type, const std:
         if (const auto resolver = weak.lock()) resolver->fail("Not found");
 }
 
-/// Asks a new process for all that is wanted. What the former one has found stays.
+/// Repeats all requests to a new process. The results of the previous process are kept.
 void DiscoveryClient::Directory::askAgain() {
     for (auto& [number, browse] : browses_) {
         restart(browse);
@@ -405,7 +407,8 @@ DiscoveryClient::~DiscoveryClient() {
 }
 
 std::filesystem::path DiscoveryClient::defaultExecutable() {
-    std::error_code ignored; // without /proc there is no path, and starting the process reports that
+    // Without /proc the path is wrong, and starting the process fails with a log line.
+    std::error_code ignored;
     const auto folder = std::filesystem::read_symlink("/proc/self/exe", ignored).parent_path();
     auto beside = folder / "tessary-discovery";
     if (std::filesystem::exists(beside, ignored)) return beside;
@@ -413,7 +416,7 @@ std::filesystem::path DiscoveryClient::defaultExecutable() {
 }
 
 std::shared_ptr<Queue> DiscoveryClient::makeQueue(std::string) {
-    return {std::shared_ptr<void>(), &mainQueue_}; // which outlives us
+    return {std::shared_ptr<void>(), &mainQueue_}; // not owned: the main queue outlives this object
 }
 
 std::unique_ptr<ServiceBrowser> DiscoveryClient::makeBrowser(const std::string& type) {

@@ -1,4 +1,4 @@
-// DNS-SD by a process of its own.
+// DNS-SD in a separate process.
 #pragma once
 
 #include "Platform/ServiceDiscovery.h"
@@ -11,22 +11,22 @@ namespace tessary {
 class EventLoop;
 class Log;
 
-/// Browses and resolves by the discovery process, whose faults and end it survives: what was found stays
-/// found until a new process has had the time to find it, and what was being resolved is resolved then. A
-/// service that has moved is reported as gone and, at once, as new, so that it is resolved again.
+/// Browses and resolves in the discovery process. When that process fails, results are kept until a new
+/// process has had the time to find them, and pending resolutions continue there. A service that has moved is
+/// reported as gone and immediately afterwards as new, so that it is resolved again.
 ///
-/// Everything runs on the loop's thread, the main thread.
+/// Runs on: the loop's thread, which is the main thread.
 class DiscoveryClient : public ServiceDiscovery {
   public:
-    /// Starts the process soon, never inside this call.
+    /// Starts the process later, never inside this call.
     ///
-    /// @param mainQueue   of the loop; outlives the discovery, as the loop and the log do
+    /// @param mainQueue   of the loop; must outlive this object, as must the loop and the log
     /// @param executable  of the discovery process
     DiscoveryClient(EventLoop& loop, Queue& mainQueue, Log& log, std::filesystem::path executable);
-    /// Ends the process. Browsers and resolvers may still be used, to no effect.
+    /// Ends the process. Browsers and resolvers may still be used, without effect.
     ~DiscoveryClient() override;
 
-    /// Where the discovery process is: beside the program in a build, in libexec once installed.
+    /// The path of the discovery process: beside the program in a build, in libexec once installed.
     static std::filesystem::path defaultExecutable();
 
     /// The main queue.

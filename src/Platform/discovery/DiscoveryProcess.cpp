@@ -19,16 +19,16 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto answerTimeout = 10s;
-/// A process that hangs is noticed even if no request is sent.
+/// Detects a process that hangs while no requests are sent.
 constexpr auto pingInterval = 60s;
 constexpr auto maxRestartDelay = 30s;
-/// A process that has run for so long is restarted at once.
+/// A process that has run for this long is restarted without a delay.
 constexpr auto quietTime = 60s;
-/// A full socket is tried again after this time.
+/// The delay before the next attempt to write to a full socket.
 constexpr auto sendRetryDelay = 10ms;
-/// Requests for a process that does not read: more than all names that may be listed.
+/// The limit of unsent requests in bytes. Requests for all names that may be listed fit into it.
 constexpr std::size_t maxOut = std::size_t{4} << 20;
-/// Reports between two pings: several times what it takes to list and resolve all names that may be listed.
+/// The limit of reports between two pings in bytes: several times what listing and resolving all names takes.
 constexpr std::size_t maxReceived = std::size_t{16} << 20;
 
 } // namespace
@@ -73,7 +73,8 @@ bool DiscoveryProcess::spawn() {
     posix_spawn_file_actions_adddup2(&files, other.file(), socketDescriptor);
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
-    // A terminal's Ctrl-C is for the program. The signals that the program blocks stay blocked.
+    // In a process group of its own the process does not receive a terminal's Ctrl-C. The signals that the
+    // program blocks stay blocked.
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
     std::string name = executable_.filename();
     std::array<char*, 2> arguments{name.data(), nullptr};
@@ -88,7 +89,7 @@ void DiscoveryProcess::end(const std::string& reason) {
     const std::string status = reap();
     log_.line("[Discovery] discovery process " + (reason.empty() ? status : reason) +
               "; what was found stays");
-    // The daemon or the bus never answers: the embedded responder needs neither.
+    // The daemon or the bus has not answered. The embedded responder needs neither.
     if (!hasAnswered_ && Clock::now() - startedAt_ >= answerTimeout) responder_ = Responder::embedded;
     for (auto* timer : {&ping_, &answer_, &retry_})
         cancel(*timer);
@@ -98,11 +99,11 @@ void DiscoveryProcess::end(const std::string& reason) {
     restartDelay_ = std::clamp<std::chrono::seconds>(2 * restartDelay_, 1s, maxRestartDelay);
 }
 
-/// Ends the process and returns how it has ended.
+/// Kills the process, waits for it, and returns how it ended.
 std::string DiscoveryProcess::reap() {
     socket_ = {};
     if (process_ == 0) return {};
-    kill(process_, SIGKILL); // has no effect if it has ended by itself
+    kill(process_, SIGKILL); // no effect if it has already ended
     int status = 0;
     while (waitpid(process_, &status, 0) < 0 && errno == EINTR)
         continue;
@@ -122,18 +123,18 @@ void DiscoveryProcess::send(const Request& request) {
     if (process_ == 0) return;
     encode(request, out_);
     if (!answer_) ask();
-    if (!retry_) after(retry_, 0ms, &DiscoveryProcess::flush); // one write for all that is sent in a turn
+    if (!retry_) after(retry_, 0ms, &DiscoveryProcess::flush); // one write for all requests of this turn
 }
 
 void DiscoveryProcess::flush() {
     const ssize_t size = ::send(socket_.file(), out_.data(), out_.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     if (size > 0) out_.erase(out_.begin(), out_.begin() + size);
     if (out_.size() > maxOut) return end("does not read");
-    if (!out_.empty())
-        after(retry_, sendRetryDelay, &DiscoveryProcess::flush); // an error shows at the reading, too
+    // Also after an error, which the next read reports.
+    if (!out_.empty()) after(retry_, sendRetryDelay, &DiscoveryProcess::flush);
 }
 
-/// Pings the process: not every request has an answer of its own.
+/// Sends a ping and starts the timeout, because not every request has an answer of its own.
 void DiscoveryProcess::ask() {
     encode(Ping{}, out_);
     answer_ = loop_.at(Clock::now() + answerTimeout, [this] {

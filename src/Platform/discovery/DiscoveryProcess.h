@@ -1,4 +1,4 @@
-// The process that discovery runs in, as its parent sees it.
+// The discovery process, from its parent's side.
 #pragma once
 
 #include "Platform/Log.h"
@@ -16,20 +16,21 @@
 
 namespace tessary::discovery {
 
-/// Starts the process, carries messages, and replaces a process that has ended, does not answer, or says what
-/// is no message: at once, then after 1, 2, 4 … 30 s, and at once again when it has run for a minute.
+/// Starts the process, exchanges messages with it, and replaces a process that has ended, does not answer, or
+/// sends an invalid message: at once, then after 1, 2, 4 … 30 s, and at once again when it has run for a
+/// minute.
 ///
 /// Runs on: the loop's thread. Never waits for the process.
 class DiscoveryProcess final : private EventLoop::Reader {
   public:
     struct Handlers {
-        /// A new process is there, and knows nothing.
+        /// A new process has started. It has received no requests yet.
         std::function<void()> started;
-        /// Answers whether the report is one that may be at this moment.
+        /// Handles a report and returns whether it is valid. An invalid report ends the process.
         std::function<bool(const Report&)> reported;
     };
 
-    /// Starts the process soon, never inside this call.
+    /// Starts the process later, never inside this call.
     ///
     /// @param executable  of the discovery process
     DiscoveryProcess(EventLoop& loop, Log& log, std::filesystem::path executable, Handlers handlers);
@@ -38,8 +39,8 @@ class DiscoveryProcess final : private EventLoop::Reader {
     /// Ends the process.
     ~DiscoveryProcess() override;
 
-    /// Sends a request, and expects a message from the process within ten seconds. Dropped while there is no
-    /// process: `started` is called before the next process gets any request.
+    /// Sends a request and expects a message from the process within ten seconds. A request is dropped while
+    /// there is no process; `started` is called for the next process before it receives any other request.
     void send(const Request& request);
 
   private:
@@ -66,18 +67,18 @@ class DiscoveryProcess final : private EventLoop::Reader {
     pid_t process_ = 0;
     OpenFile socket_;
     MessageReader<Report> reports_;
-    std::vector<std::uint8_t> out_; ///< what the socket has had no room for
+    std::vector<std::uint8_t> out_; ///< requests not written yet
     std::size_t received_ = 0;      ///< bytes since the last ping
     Responder responder_ = Responder::any;
-    bool hasAnswered_ = false; ///< the request to start
+    bool hasAnswered_ = false; ///< `Started` has arrived
     bool isRefusalSaid_ = false;
 
     Clock::time_point startedAt_;
     std::chrono::seconds restartDelay_{0};
     std::optional<EventLoop::TimerID> restart_;
     std::optional<EventLoop::TimerID> ping_;
-    std::optional<EventLoop::TimerID> answer_; ///< when the process counts as hanging
-    std::optional<EventLoop::TimerID> retry_;  ///< of the sending
+    std::optional<EventLoop::TimerID> answer_; ///< the timeout for an answer
+    std::optional<EventLoop::TimerID> retry_;  ///< the next write
 };
 
 } // namespace tessary::discovery

@@ -39,7 +39,7 @@ class Encoder {
     std::vector<std::uint8_t>& out_;
 };
 
-/// Every `get` answers whether a value was there and is one that may be.
+/// Every `get` returns whether the value is present and valid.
 class Decoder {
   public:
     explicit Decoder(std::span<const std::uint8_t> in)
@@ -80,7 +80,7 @@ class Decoder {
     bool isAtEnd() const { return in_.empty(); }
 
   private:
-    /// No bytes if there are not enough.
+    /// Returns no bytes if there are fewer than `size`.
     std::span<const std::uint8_t> take(std::size_t size) {
         if (size > in_.size()) return {};
         const auto taken = in_.first(size);

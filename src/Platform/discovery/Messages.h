@@ -1,8 +1,8 @@
-// What the program and its discovery process say to each other, over one stream socket.
+// The messages between the program and its discovery process, over one stream socket.
 //
-// A frame is the length of the rest (4 bytes), the message's number in its variant (1 byte), and the
-// message's fields in their order. All numbers are big-endian; a text is its length (2 bytes) and UTF-8; a
-// list is its length (1 byte) and its elements.
+// A frame is the length of the rest (4 bytes), the index of the message in its variant (1 byte), and the
+// message's fields in order. All numbers are big-endian. A text is its length (2 bytes) and UTF-8; a list is
+// its count (1 byte) and its elements.
 #pragma once
 
 #include "Models/IPv4Host.h"
@@ -17,41 +17,43 @@
 
 namespace tessary::discovery {
 
-/// Both processes come from one package, but an upgrade may replace one of them under the other.
+/// Both processes belong to one package, but an upgrade may replace the executables while the program runs,
+/// so that the next discovery process has another version.
 constexpr std::uint16_t protocolVersion = 1;
 
 /// The descriptor of the socket in the discovery process.
 constexpr int socketDescriptor = 3;
 
-/// Exit statuses of the discovery process: it can find nothing new any more; the daemon that it uses has gone
-/// twice within a minute, and the embedded responder would do better.
+/// Exit status of the discovery process: its cache is full, so it can find no new services.
 constexpr int exhaustedStatus = 3;
+/// Exit status of the discovery process: the daemon has ended twice within a minute, so the next process
+/// should use the embedded responder.
 constexpr int unstableDaemonStatus = 4;
 
 /// A domain name has at most 1,014 bytes in its escaped form.
 constexpr std::size_t maxTextSize = 1014;
-/// Of one host; a device has a few.
+/// The limit of addresses of one host; a device has a few.
 constexpr std::size_t maxAddresses = 64;
-/// Service instances of one type; further ones are not listed.
+/// The limit of service instances of one type; further ones are not listed.
 constexpr std::size_t maxListed = 8192;
 constexpr std::size_t maxFrameSize = 4096;
 
-/// Which mDNS responder serves the lookups.
+/// The mDNS responder that performs the lookups.
 enum class Responder : std::uint8_t {
-    any,      ///< a request: the daemon if there is one, else the embedded one
+    any,      ///< only in a request: the daemon if there is one, otherwise the embedded one
     daemon,   ///< avahi-daemon, over the system bus
-    embedded, ///< one in the discovery process
+    embedded, ///< libavahi-core in the discovery process
 };
 
-/// Parts of the confinement that the kernel has refused; a sum of these.
+/// Parts of the confinement that the kernel has refused: a bit mask.
 enum Refusal : std::uint8_t {
-    refusedPrivileges = 1, ///< no new privileges
-    refusedFilter = 2,     ///< the filter of system calls
+    refusedPrivileges = 1, ///< no new privileges (PR_SET_NO_NEW_PRIVS)
+    refusedFilter = 2,     ///< the system call filter (seccomp)
     refusedLimits = 4,     ///< resource limits
-    refusedParentDeath = 8 ///< to end with its parent
+    refusedParentDeath = 8 ///< termination with the parent (PR_SET_PDEATHSIG)
 };
 
-// Requests, from the program. Numbers of browses and resolutions are the program's to choose.
+// Requests, from the program. The program chooses the numbers of browses and resolutions.
 
 /// The first message.
 struct Start {
@@ -71,15 +73,15 @@ struct EndBrowse {
     auto fields() { return std::tie(browse); }
 };
 
-/// Answered by `Resolved` or `Unresolved` once. From then on each change is reported by another `Resolved`,
-/// until `EndResolve`. The same number may be asked for again, with the same service, to be answered again.
+/// Answered once by `Resolved` or `Unresolved`. After that, each change is reported by another `Resolved`
+/// until `EndResolve`. The request may be repeated with the same number and service to obtain another answer.
 struct Resolve {
     std::uint32_t resolution = 0;
     std::string name;
     std::string type;
     std::string domain;
-    std::uint32_t timeout = 0; ///< in milliseconds, from the moment the question is on the network
-    IPv4Host known;            ///< the host's address as last reported; 0.0.0.0: none
+    std::uint32_t timeout = 0; ///< in milliseconds, from the time the query is sent on the network
+    IPv4Host known;            ///< the last reported address of the host; 0.0.0.0: none
     auto fields() { return std::tie(resolution, name, type, domain, timeout, known); }
 };
 
@@ -96,11 +98,11 @@ using Request = std::variant<Start, Browse, EndBrowse, Resolve, EndResolve, Ping
 
 // Reports, from the discovery process.
 
-/// The answer to `Start`.
+/// Answers `Start`.
 struct Started {
     std::uint16_t version = protocolVersion;
     Responder responder = Responder::daemon; ///< never `any`
-    std::uint8_t refused = 0;                ///< a sum of `Refusal`
+    std::uint8_t refused = 0;                ///< a bit mask of `Refusal`
     auto fields() { return std::tie(version, responder, refused); }
 };
 
@@ -120,25 +122,25 @@ struct Unlisted {
     auto fields() { return std::tie(browse, name, domain, interface); }
 };
 
-/// All that was listed and unlisted so far makes a set worth telling.
+/// The preceding `Listed` and `Unlisted` messages form a consistent set, which can be reported.
 struct Changed {
     std::uint32_t browse = 0;
     auto fields() { return std::tie(browse); }
 };
 
-/// The daemon has gone: nothing is listed any more, and what is there will be listed anew.
+/// The daemon has ended: the list is now empty, and available services will be listed again.
 struct Restarted {
     std::uint32_t browse = 0;
     auto fields() { return std::tie(browse); }
 };
 
-/// Since the start or restart every service that is there has had the time to answer.
+/// Every available service has had the time to answer since the start or restart.
 struct Complete {
     std::uint32_t browse = 0;
     auto fields() { return std::tie(browse); }
 };
 
-/// The browse is tried again, without another report of this kind.
+/// The browse has failed. It is retried, and further failures are not reported.
 struct BrowseFailed {
     std::uint32_t browse = 0;
     std::string reason;
@@ -148,7 +150,7 @@ struct BrowseFailed {
 struct Resolved {
     std::uint32_t resolution = 0;
     std::uint16_t port = 0;
-    std::vector<IPv4Host> addresses; ///< the preferred one first; none: the host has IPv6 addresses alone
+    std::vector<IPv4Host> addresses; ///< the preferred one first; empty if the host has IPv6 addresses only
     auto fields() { return std::tie(resolution, port, addresses); }
 };
 
@@ -169,10 +171,11 @@ using Report = std::variant<Started, Listed, Unlisted, Changed, Restarted, Compl
 void encode(const Request& message, std::vector<std::uint8_t>& out);
 void encode(const Report& message, std::vector<std::uint8_t>& out);
 
-/// Takes a stream of frames apart. Nothing that is not exactly one of the messages comes out: lengths,
-/// counts, enumerated values and UTF-8 are checked here.
+/// Splits a stream of frames into messages. Only valid messages are returned: lengths, counts, enumerated
+/// values and UTF-8 are checked here.
 ///
-/// Not thread-safe. Memory: at most one frame beside what `append` was last given.
+/// Not thread-safe. Memory: at most one frame in addition to the bytes last passed to `append`, if `next` is
+/// called until it returns nothing.
 template <typename Message>
 class MessageReader {
   public:
@@ -180,15 +183,15 @@ class MessageReader {
         waiting_.insert(waiting_.end(), bytes.begin(), bytes.end());
     }
 
-    /// The next message; absent if none is complete, or for good once the stream is broken.
+    /// Returns the next message; absent if none is complete yet, and always absent once the stream is broken.
     std::optional<Message> next();
 
-    /// Whether something has arrived that is no message.
+    /// Whether an invalid message has arrived.
     bool isBroken() const { return isBroken_; }
 
   private:
     std::vector<std::uint8_t> waiting_;
-    std::size_t begin_ = 0; ///< of what has not been taken yet
+    std::size_t begin_ = 0; ///< of the bytes that `next` has not consumed yet
     bool isBroken_ = false;
 };
 

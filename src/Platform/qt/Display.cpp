@@ -23,12 +23,13 @@ std::string variable(const char* name) {
     return value ? value : "";
 }
 
-/// Where to show things: on the display that there is, else nowhere, which lets the program do its job all
-/// the same. X11 comes first, because with it the program can end its sessions even when the display server
-/// dies: on a lost Wayland connection Qt ends the process at once. A user's own choice stays.
+/// Sets the Qt platform plugins to try: those of the available displays, then "offscreen", with which the
+/// program runs without showing anything. X11 comes first, because it lets the program end its sessions when
+/// the display server dies: when a Wayland connection is lost, Qt ends the process at once. A value that the
+/// user has set is kept.
 ///
-/// The look is Qt's plain one. A theme of the desktop would load its whole toolkit, 14 MB, for one menu that
-/// most panels draw themselves; and GTK too ends the process at once when the display server dies.
+/// Also selects Qt's built-in style. A desktop theme would load its whole toolkit, 14 MB, for one menu that
+/// most panels draw themselves, and GTK also ends the process at once when the display server dies.
 void choosePlatform() {
     std::string platforms;
     if (!variable("DISPLAY").empty()) platforms += "xcb;";
@@ -42,8 +43,7 @@ void awaitX11() {
     xcb_disconnect(xcb_connect(nullptr, nullptr));
 }
 
-/// Asks the compositor for a sign of life: wl_display.sync, object 1, opcode 0, and the identifier of a
-/// callback.
+/// Sends wl_display.sync (object 1, opcode 0, identifier of a callback) and waits for the first reply.
 void awaitWayland() {
     std::string path = variable("WAYLAND_DISPLAY");
     if (!path.starts_with('/')) path = variable("XDG_RUNTIME_DIR") + "/" + path;

@@ -1,4 +1,4 @@
-// Whether the display answers.
+// Checks whether the display server answers.
 #pragma once
 
 #include "Platform/network/EventLoop.h"
@@ -7,16 +7,16 @@
 
 namespace tessary {
 
-/// Qt waits for the display server without end. So the server is asked first, on a thread of its own, whether
-/// it answers at all: a server that is stopped or out of reach holds up that thread alone.
+/// Qt waits for the display server without a timeout. A separate thread therefore checks first whether the
+/// server answers: a server that is stopped or unreachable blocks that thread only.
 ///
-/// Chooses where Qt shows things, too: on the display that there is, else nowhere.
+/// Also sets the Qt platform plugin: that of the available display, otherwise "offscreen".
 class Display {
   public:
-    /// Calls `answered` on the loop's thread, inside this call if there is no server to ask, else once the
-    /// server has answered or refused; never if it does not answer.
+    /// Calls `answered` on the loop's thread: inside this call if there is no display server, otherwise after
+    /// the server has accepted or refused the connection. Never calls it if the server does not respond.
     ///
-    /// @param loop  outlives the process's last thread
+    /// @param loop  must outlive the process's last thread
     static void ask(EventLoop& loop, const std::function<void()>& answered);
 };
 

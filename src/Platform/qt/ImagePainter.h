@@ -9,7 +9,7 @@ class QRectF;
 
 namespace tessary {
 
-/// Draws `image` as large as it fits into the middle of `target`, in one colour, leaving the rest as it is.
+/// Draws `image` in one colour, centred in `target` and as large as it fits. Other pixels stay unchanged.
 ///
 /// @param target  in the painter's coordinates, whose y grows downward
 /// Runs on: any thread.

@@ -21,16 +21,18 @@ QString text(std::string_view utf8) {
     return QString::fromUtf8(utf8.data(), static_cast<qsizetype>(utf8.size()));
 }
 
-/// The file is a few hundred bytes; a sparse one of a gigabyte would be a gigabyte in memory.
+/// The file has a few hundred bytes. Without a limit, a sparse file of a gigabyte would take a gigabyte of
+/// memory.
 constexpr qint64 maxFileSize = qint64{1} << 20;
 
-/// A folder, a pipe or a device: reading it may never end, and it is not ours to replace.
+/// Whether the path is a folder, a pipe or a device. Reading one may block forever, and it must not be
+/// replaced.
 bool isNoFile(const QString& path) {
     const QFileInfo info(path);
     return info.exists() && !info.isFile();
 }
 
-/// The file's object; absent if there is something that is none.
+/// Returns the file's object; an empty one without a file; absent if the file holds no JSON object.
 std::optional<QJsonObject> load(const QString& path) {
     QFile file(path);
     if (!file.exists()) return QJsonObject{};
@@ -40,21 +42,21 @@ std::optional<QJsonObject> load(const QString& path) {
     return document.object();
 }
 
-/// Where a symbolic link leads, so that what is set aside and what is replaced are the same file.
+/// Resolves a symbolic link, so that the same file is set aside and replaced.
 QString target(const QString& path) {
     const QFileInfo info(path);
     if (info.exists()) return info.canonicalFilePath();
     return info.isSymLink() ? info.symLinkTarget() : path;
 }
 
-/// Gives the file a second name, so that there is a file at every moment until the new one takes the first.
+/// Adds a second name to the file: its own name stays valid until the new file replaces it.
 void setAside(const QString& path) {
     QString other = path + QStringLiteral(".unreadable");
     for (int i = 2; QFileInfo::exists(other); ++i)
         other = path + QStringLiteral(".unreadable-%1").arg(i);
     std::error_code error;
     std::filesystem::create_hard_link(path.toStdString(), other.toStdString(), error);
-    if (error) QFile::rename(path, other); // a file system without links
+    if (error) QFile::rename(path, other); // a file system without hard links
 }
 
 } // namespace
@@ -105,7 +107,7 @@ void JSONPreferences::setTexts(std::string_view key, const std::vector<std::stri
 }
 
 void JSONPreferences::save() {
-    // What a person has edited meanwhile is kept too.
+    // Reads the file again, to keep changes that the user has made to it since.
     const std::optional<QJsonObject> present = load(*path_);
     QJsonObject next = present.value_or(QJsonObject{});
     for (auto member = changed_->constBegin(); member != changed_->constEnd(); ++member) {
@@ -116,19 +118,19 @@ void JSONPreferences::save() {
     if (isNoFile(*path_)) return;
     QDir().mkpath(QFileInfo(*path_).absolutePath());
     const QString unsaved = *path_ + QStringLiteral(".unsaved");
-    QFile::remove(unsaved); // a save that was killed has left it
+    QFile::remove(unsaved); // left by a process that was killed while it saved
     QFile file(unsaved);
     if (!file.open(QIODevice::WriteOnly | QIODevice::NewOnly)) return;
     if (QFile::exists(*path_)) file.setPermissions(QFile::permissions(*path_));
     file.write(QJsonDocument(next).toJson());
     const bool isWritten = file.flush() && fsync(file.handle()) == 0;
     file.close();
-    if (!isWritten) { // the disk is full: the old one stays where it is
+    if (!isWritten) { // the disk is full: the old file stays
         QFile::remove(unsaved);
         return;
     }
     if (!present) setAside(*path_);
-    std::error_code ignored; // what cannot be saved holds for this run
+    std::error_code ignored; // values that cannot be saved remain in effect until the process ends
     std::filesystem::rename(unsaved.toStdString(), path_->toStdString(), ignored);
 }
 

@@ -10,10 +10,9 @@ class QString;
 
 namespace tessary {
 
-/// One object whose members are the keys, in a file that is replaced as a whole: at every moment it is the
-/// old one or the new one. Members that the program does not know are kept. A file that is no JSON object
-/// counts as empty and is set aside under another name at the next write. What is no file at all (a pipe, a
-/// folder) counts as empty too, and nothing is saved.
+/// A JSON object whose members are the keys. The file is replaced atomically. Members that the program does
+/// not use are kept. A file that holds no JSON object counts as empty and is kept under another name at the
+/// next write. A path that is no regular file (a pipe, a folder) counts as empty too, and nothing is saved.
 class JSONPreferences : public Preferences {
   public:
     /// @param path  the file; it and its folder need not exist
@@ -32,8 +31,8 @@ class JSONPreferences : public Preferences {
     void save();
 
     const std::unique_ptr<QString> path_;
-    std::unique_ptr<QJsonObject> loaded_;  ///< as the program knows them
-    std::unique_ptr<QJsonObject> changed_; ///< what this run has set
+    std::unique_ptr<QJsonObject> loaded_;  ///< the values in effect
+    std::unique_ptr<QJsonObject> changed_; ///< the values set by this process
 };
 
 } // namespace tessary

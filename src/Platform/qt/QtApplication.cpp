@@ -21,14 +21,15 @@ namespace {
 
 constexpr auto displayTimeout = std::chrono::seconds(10);
 
-/// Lets the process end in any case: what is still to be taken down may wait for others, as Qt does for its
-/// D-Bus thread, and that one for a bus that does not answer.
+/// Limits the time until the process ends: destructors may block, as Qt's does, which waits for its D-Bus
+/// thread, which waits for a bus that does not answer.
 void endSoon() {
     signal(SIGALRM, [](int) { _exit(EXIT_SUCCESS); });
     alarm(3);
 }
 
-/// Qt gives up by abort() if it can load no platform plugin, as with too few files. The sessions end first.
+/// Qt calls abort() if it cannot load a platform plugin, for example because the process has too many open
+/// files. Exits instead, so that the exit handler ends the sessions.
 void exitOnFatalError(QtMsgType type, const QMessageLogContext& context, const QString& text) {
     std::fprintf(stderr, "%s\n", qFormatLogMessage(type, context, text).toLocal8Bit().constData());
     if (type == QtFatalMsg) std::exit(EXIT_FAILURE);
@@ -36,7 +37,7 @@ void exitOnFatalError(QtMsgType type, const QMessageLogContext& context, const Q
 
 } // namespace
 
-/// Ends the program when it is asked to.
+/// Ends the program on SIGTERM, SIGINT and SIGHUP.
 class QtApplication::TerminationSignals final : private EventLoop::Reader {
   public:
     explicit TerminationSignals(QtApplication& application)
@@ -47,13 +48,13 @@ class QtApplication::TerminationSignals final : private EventLoop::Reader {
         sigaddset(&signals, SIGINT);
         struct sigaction hangup {};
         sigaction(SIGHUP, nullptr, &hangup);
-        if (hangup.sa_handler != SIG_IGN) sigaddset(&signals, SIGHUP); // not under nohup
+        if (hangup.sa_handler != SIG_IGN) sigaddset(&signals, SIGHUP); // ignored under nohup
         pthread_sigmask(SIG_BLOCK, &signals, nullptr);
         file_ = OpenFile(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
         if (file_)
             application.loop_.watch(file_.file(), *this);
         else
-            pthread_sigmask(SIG_UNBLOCK, &signals, nullptr); // then they end the program the hard way
+            pthread_sigmask(SIG_UNBLOCK, &signals, nullptr); // their default action then ends the process
     }
 
   private:
@@ -66,7 +67,7 @@ class QtApplication::TerminationSignals final : private EventLoop::Reader {
     OpenFile file_;
 };
 
-/// Qt's application object. Its loop serves ours.
+/// Qt's application object. Its event loop serves ours.
 struct QtApplication::Qt {
     Qt(EventLoop& loop, char* programName)
         : arguments{programName, nullptr}
@@ -77,14 +78,14 @@ struct QtApplication::Qt {
         QApplication::setQuitOnLastWindowClosed(false);
         QCoreApplication::setQuitLockEnabled(false);
         QObject::connect(&notifier, &QSocketNotifier::activated, &application, [&loop] { loop.serveOne(0); });
-        // The next session starts the program exactly if its user wants it started at login.
+        // The session manager must not restart the program: "Start at Login" alone decides.
         QObject::connect(
             &application, &QGuiApplication::saveStateRequest, &application,
             [](QSessionManager& session) { session.setRestartHint(QSessionManager::RestartNever); },
             ::Qt::DirectConnection);
     }
 
-    int argumentCount = 1; // the program has no options, not even Qt's
+    int argumentCount = 1; // the program's name only: Qt's own options are disabled
     std::array<char*, 2> arguments;
     QApplication application;
     QSocketNotifier notifier;

@@ -9,37 +9,37 @@
 
 namespace tessary {
 
-/// A program without a window: its presence is a status item. The first object of the main thread: it takes
-/// the signals that end the program before any other thread exists. Works without a display too.
+/// An application without a window. Must be constructed before any other thread exists, because it blocks the
+/// signals that end the program in all threads. Works without a display too.
 ///
-/// The main thread's work is served from the first moment on. Qt's own objects come once the display has
-/// answered, and from then on Qt's loop serves the work.
+/// `run` serves the main thread's event loop at once. When the display server has answered, it creates Qt's
+/// application object, and Qt's event loop then serves ours.
 class QtApplication : public Application {
   public:
     struct Handlers {
-        /// Qt's objects can be made from now on. Called once, or never if the display does not answer.
+        /// Qt objects can be created from now on. Called once; never if the display server does not answer.
         std::function<void()> displayAnswered;
-        /// The display has not answered for ten seconds.
+        /// The display server has not answered for ten seconds.
         std::function<void()> displayIsSilent;
-        /// Called once after the loop; from then on the process has three seconds to end by itself.
+        /// Called once after the loop has ended. Three seconds later the process is ended if it still runs.
         std::function<void()> willTerminate;
     };
 
-    /// @param loop  the main thread's; outlives the process's last thread
+    /// @param loop  the main thread's; must outlive the process's last thread
     QtApplication(EventLoop& loop, char* programName);
     QtApplication(const QtApplication&) = delete;
     QtApplication& operator=(const QtApplication&) = delete;
     ~QtApplication() override;
 
-    /// Runs the loop until `terminate`, SIGTERM, SIGINT, SIGHUP (unless the starter had that one ignored) or
-    /// the end of the desktop session.
+    /// Runs the loop until `terminate`, SIGTERM, SIGINT, SIGHUP (unless it was ignored at the start) or the
+    /// end of the desktop session.
     int run(Handlers handlers);
 
     void terminate() override;
 
-    /// The process is ending although the loop has not: Qt calls `exit` when the display server dies. Does
-    /// what has to be done before the end, and ends the process at once, because other threads still use what
-    /// `exit` is about to destroy. Does nothing when the loop was left properly.
+    /// To be called by an exit handler, because Qt calls `exit` when the display server dies. If the loop has
+    /// not ended yet, calls `willTerminate` and ends the process at once, because other threads still use the
+    /// objects that `exit` would destroy. Otherwise does nothing.
     void processIsExiting();
 
   private:

@@ -10,7 +10,8 @@ namespace tessary {
 
 namespace {
 
-/// One line of text: what would end it or split it into columns becomes a space.
+/// Replaces control characters and line separators, which would end the line or split it into columns, by
+/// spaces.
 QString onOneLine(const std::string& utf8) {
     QString text = QString::fromStdString(utf8);
     for (QChar& character : text)
@@ -24,7 +25,7 @@ QString written(const std::string& title, MenuView::Writing writing) {
     QString text = onOneLine(title);
     if (writing == MenuView::Writing::widget) return text.replace(QLatin1Char('&'), QLatin1String("&&"));
     text.replace(QLatin1Char('_'), QLatin1String("__"));
-    // Qt sends the first `&` as `_`, which marks the character behind it; unless nothing is behind it.
+    // Qt exports the first `&` as `_`, which marks the character after it; an `&` at the end stays as it is.
     const qsizetype first = text.indexOf(QLatin1Char('&'));
     if (first >= 0 && first != text.size() - 1) text.insert(first, QLatin1Char('&'));
     return text;
@@ -36,8 +37,8 @@ QFont fontOf(const TextStyle& style) {
     return font;
 }
 
-/// Most of what the menu tells stands in lines that cannot be chosen: they must be readable, which the usual
-/// colour of disabled text is not meant to be. Two thirds of the way from the ground to the text.
+/// Most lines of the menu are disabled but informative, so they need more contrast than disabled text usually
+/// has: two thirds of the text's colour, one third of the background's.
 QPalette withReadableDisabledText(QPalette palette) {
     for (const auto& [role, ground] : {std::pair{QPalette::WindowText, QPalette::Window},
                                        {QPalette::Text, QPalette::Base},
@@ -65,7 +66,7 @@ bool MenuView::matches(const Row& row, const MenuItem& item) {
 }
 
 void MenuView::show(const std::vector<MenuItem>& items) {
-    // What both have in common at the beginning and at the end stays; only rows between are added or removed.
+    // The common rows at the beginning and at the end stay; only the rows between are added or removed.
     const auto [row, item] = std::ranges::mismatch(rows_, items, matches);
     const auto head = static_cast<std::size_t>(row - rows_.begin());
     std::size_t tail = 0;
@@ -75,7 +76,7 @@ void MenuView::show(const std::vector<MenuItem>& items) {
 
     while (rows_.size() > head + tail) {
         const auto last = rows_.end() - static_cast<std::ptrdiff_t>(tail) - 1;
-        delete last->line; // which takes it out of the menu
+        delete last->line; // also removes it from the menu
         rows_.erase(last);
     }
     QAction* before = tail > 0 ? rows_[head].line : nullptr;
@@ -96,8 +97,8 @@ MenuView::Row MenuView::makeRow(const MenuItem& item, QAction* before) {
 }
 
 void MenuView::update(QAction& line, const MenuItem& item) const {
-    // Each of these tells the panel only of a real change. A line that was chosen has flipped its checkmark
-    // by itself, so the mark is compared with what the line shows, not with what it was given.
+    // Each setter notifies the panel only of an actual change. Choosing a line has flipped its checkmark, so
+    // the mark is compared with the action's current state, not with the previous item.
     line.setText(written(item.title, writing_));
     line.setEnabled(item.isEnabled);
     line.setCheckable(item.isOn.has_value());
@@ -105,7 +106,7 @@ void MenuView::update(QAction& line, const MenuItem& item) const {
     line.setShortcut(item.keyEquivalent.empty() ? QKeySequence()
                                                 : QKeySequence(QStringLiteral("Ctrl+") +
                                                                QString::fromStdString(item.keyEquivalent)));
-    // A line that is disabled is drawn in the secondary colour anyway. Over D-Bus there are no fonts.
+    // Disabled lines are drawn in the secondary colour anyway. The D-Bus menu protocol has no fonts.
     if (item.style && writing_ == Writing::widget) line.setFont(fontOf(*item.style));
 }
 
@@ -131,14 +132,14 @@ QMenu& QtMenu::makeView(MenuView::Writing writing) {
     QMenu& menu = view_->menu();
     QObject::connect(&menu, &QMenu::aboutToShow, &context_, [this] { willOpen(); });
     QObject::connect(&menu, &QMenu::aboutToHide, &context_, [this] { didClose(); });
-    isOpen_ = false; // it was a view on a bus that has ended
+    isOpen_ = false; // an open view belonged to a bus that has ended
     needsUpdate();
     view_->show(items_);
     return menu;
 }
 
 void QtMenu::willOpen() {
-    needsUpdate(); // also where a panel has never told that the menu was closed
+    needsUpdate(); // even if isOpen_: some panels do not report that the menu was closed
     isOpen_ = true;
 }
 
@@ -150,8 +151,8 @@ void QtMenu::didClose() {
 void QtMenu::choose(const std::string& action) {
     const auto item = std::ranges::find(items_, action, &MenuItem::action);
     if (item == items_.end()) return;
-    const auto choose = item->choose; // may replace the items
-    didClose();                       // and the checkmark may have to flip back
+    const auto choose = item->choose; // a copy, because the call may replace the items
+    didClose();                       // also corrects a checkmark that choosing has flipped
     choose();
 }
 

@@ -11,18 +11,17 @@
 
 namespace tessary {
 
-/// One place where the items show. Its actions live long and are changed to match the items: a panel that
-/// reads the menu over D-Bus caches what it has read, and shows stale or empty lines when all items get new
-/// numbers.
+/// One view of the items. Its actions are kept and changed to match the items: a panel that reads the menu
+/// over D-Bus caches it, and shows stale or empty lines when all items receive new identifiers.
 class MenuView {
   public:
-    /// How a title has to be written so that it shows literally.
+    /// The escaping with which a title is shown literally.
     enum class Writing {
-        widget,   ///< `&` marks the key of a line
-        dbusmenu, ///< `_` does, and Qt makes one of the first `&`
+        widget,   ///< `&` marks the access key
+        dbusmenu, ///< `_` marks the access key, and Qt converts the first `&` into `_`
     };
 
-    /// @param chosen  called with the name of the action whose line was chosen
+    /// @param chosen  called with the `MenuItem::action` of the line that was chosen
     MenuView(Writing writing, std::function<void(const std::string&)> chosen);
 
     QMenu& menu() { return menu_; }
@@ -30,7 +29,7 @@ class MenuView {
 
   private:
     struct Row {
-        QAction* line; ///< the menu's
+        QAction* line; ///< owned by the menu
         std::string action;
     };
     static bool matches(const Row& row, const MenuItem& item);
@@ -43,17 +42,17 @@ class MenuView {
     std::vector<Row> rows_;
 };
 
-/// Asks its delegate for fresh items before it is seen. It also does so when it is told that the content has
-/// changed, because some panels show what they have without asking; but never under the eyes of a reader.
+/// Requests current items from its delegate before it opens. It also does so after `contentDidChange`,
+/// because some panels open the menu without a request; but never while it is open.
 class QtMenu : public Menu {
   public:
     void setDelegate(std::weak_ptr<MenuDelegate> delegate) override { delegate_ = std::move(delegate); }
     void setItems(std::vector<MenuItem> items) override;
 
-    /// The items are out of date. Many calls in one turn of the event loop cost as much as one.
+    /// The items are out of date. Several calls in one turn of the event loop cause one update.
     void contentDidChange();
 
-    /// The menu for the panel. Called once.
+    /// Makes the menu for the panel; replaces a previous one.
     QMenu& makeView(MenuView::Writing writing);
 
   private:
@@ -67,7 +66,7 @@ class QtMenu : public Menu {
     bool isOpen_ = false;
     bool isUpdatePending_ = false;
     std::unique_ptr<MenuView> view_;
-    QObject context_; ///< last: when it goes, nothing arrives any more
+    QObject context_; ///< last member: its destruction disconnects all signals
 };
 
 } // namespace tessary

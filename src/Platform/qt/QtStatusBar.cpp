@@ -15,16 +15,16 @@ namespace tessary {
 
 namespace {
 
-// Pixels have to stand out from whatever panel shows them, at 3 to 1 at least.
-const QColor toneForStatusNotifier(0x89, 0x89, 0x89); ///< desktops' panels: white to dark grey (#353535)
-const QColor toneForXEmbed(0x76, 0x76, 0x76);         ///< window managers' panels: white, light grey, black
+// The pixels need a contrast of 3 to 1 on the background of every panel.
+const QColor toneForStatusNotifier(0x89, 0x89, 0x89); ///< panels of desktops: white to dark grey (#353535)
+const QColor toneForXEmbed(0x76, 0x76, 0x76);         ///< panels of window managers: white, light grey, black
 
 } // namespace
 
-/// Keeps what was asked for, and makes the tray's object of it once there is a panel.
+/// Stores the requested properties, and creates the tray icon from them when there is a panel.
 class QtStatusItem : public StatusItem {
   public:
-    // The tray knows neither a freely wide item nor one that its user takes away.
+    // The system tray protocols support neither behaviour.
     void setBehavior(StatusItemBehavior) override {}
 
     void setAutosaveName(const std::string& name) override { id_ = QString::fromStdString(name); }
@@ -61,7 +61,7 @@ class QtStatusItem : public StatusItem {
         if (menu_) {
             QMenu& view = menu_->makeView(isWidget ? MenuView::Writing::widget : MenuView::Writing::dbusmenu);
             tray_->setContextMenu(&view);
-            if (isWidget) // which opens it for the right button only
+            if (isWidget) // Qt opens the menu for the right button only
                 QObject::connect(tray_.get(), &QSystemTrayIcon::activated, &view, [&view](auto reason) {
                     if (reason != QSystemTrayIcon::Context) view.popup(QCursor::pos());
                 });

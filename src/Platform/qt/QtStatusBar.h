@@ -10,8 +10,9 @@ namespace tessary {
 class QtMenu;
 class QtStatusItem;
 
-/// The items and the menu show as soon as there is a panel, which may be before or after they are made, or
-/// never. Made on the main thread, before or after Qt's application object; destroyed before it.
+/// The item and its menu are shown as soon as there is a panel, which may be before or after they are
+/// created, or never. Created on the main thread, before or after Qt's application object; destroyed before
+/// it.
 class QtStatusBar : public StatusBar {
   public:
     QtStatusBar();
@@ -22,10 +23,10 @@ class QtStatusBar : public StatusBar {
     std::shared_ptr<StatusItem> makeStatusItem(StatusItemLength length) override;
     std::shared_ptr<Menu> makeMenu() override;
 
-    /// Qt's application object is there: from now on a panel is looked for.
+    /// Qt's application object exists: starts to look for a panel.
     void displayAnswered();
 
-    /// Something that the menus show has changed: what a panel holds of them is brought up to date.
+    /// The content of the menu has changed: updates the panel's copy.
     void menuContentDidChange();
 
   private:

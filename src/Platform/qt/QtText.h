@@ -1,4 +1,4 @@
-// Knowledge of Unicode, from Qt.
+// Unicode operations on Qt.
 #pragma once
 
 #include "Platform/Text.h"

@@ -11,8 +11,8 @@ namespace tessary {
 
 namespace {
 
-/// The object that Qt has exported: it has a connection of its own, named after the process and a number that
-/// grows when the icon is made again.
+/// Finds the object that Qt has exported. Qt opens a connection for each icon, named after the process and a
+/// number that grows with each new icon.
 QObject* exportedItem() {
     for (int number = 1; number <= 99; ++number) {
         const QDBusConnection bus(QStringLiteral("org.kde.StatusNotifierItem-%1-%2")
@@ -41,8 +41,8 @@ void StatusNotifierItem::replaceQts(const QString& id, const QString& title, con
     qDBusRegisterMetaType<StatusPixmap>();
     qDBusRegisterMetaType<StatusPixmapList>();
     qDBusRegisterMetaType<StatusToolTip>();
-    // A later adaptor for an interface that an object has already replaces the earlier one.
-    if (QObject* exported = exportedItem()) new StatusNotifierItem(exported, id, title, icon); // its child
+    // An adaptor replaces an earlier one for the same interface of the object. The object owns it.
+    if (QObject* exported = exportedItem()) new StatusNotifierItem(exported, id, title, icon);
 }
 
 StatusNotifierItem::StatusNotifierItem(QObject* exported, QString id, QString title, const QIcon& icon)

@@ -1,4 +1,4 @@
-// What a panel reads of the status item over D-Bus.
+// The D-Bus interface of the status item.
 #pragma once
 
 #include <QDBusAbstractAdaptor>
@@ -25,9 +25,8 @@ struct StatusToolTip {
     QString text;
 };
 
-/// The interface org.kde.StatusNotifierItem (freedesktop.org: StatusNotifierItem), put in the place of Qt's
-/// own, which says the item's Id for its Title too, and nothing of clicks: this item is its menu, whichever
-/// button is used.
+/// The interface org.kde.StatusNotifierItem (freedesktop.org: StatusNotifierItem). Replaces Qt's own, which
+/// returns the Id as the Title and lacks ItemIsMenu: this item opens its menu with every mouse button.
 ///
 /// Runs on: the main thread.
 class StatusNotifierItem : public QDBusAbstractAdaptor {
@@ -51,14 +50,14 @@ class StatusNotifierItem : public QDBusAbstractAdaptor {
     Q_PROPERTY(QDBusObjectPath Menu READ menu CONSTANT)
 
   public:
-    /// Takes the place of Qt's interface on the item that Qt has just exported. Does nothing if there is
-    /// none: then the panel reads what Qt says.
+    /// Replaces Qt's interface on the item that Qt has just exported. Does nothing if no such item is found;
+    /// the panel then uses Qt's interface.
     static void replaceQts(const QString& id, const QString& title, const QIcon& icon);
 
     QString category() const { return QStringLiteral("Hardware"); }
     QString id() const { return id_; }
     QString title() const { return title_; }
-    /// Never passive: panels hide such items.
+    /// Never "Passive", because panels hide passive items.
     QString status() const { return QStringLiteral("Active"); }
     int windowId() const { return 0; }
     QString nothing() const { return {}; }
@@ -69,7 +68,7 @@ class StatusNotifierItem : public QDBusAbstractAdaptor {
     bool itemIsMenu() const { return true; }
     QDBusObjectPath menu() const { return QDBusObjectPath(QStringLiteral("/MenuBar")); }
 
-    // A panel that calls these all the same has its own way to show the menu.
+    // A panel that calls these despite ItemIsMenu shows the menu by itself.
     Q_SLOT void ContextMenu(int, int) {}
     Q_SLOT void Activate(int, int) {}
     Q_SLOT void SecondaryActivate(int, int) {}

@@ -1,4 +1,4 @@
-// An image value as an icon of Qt.
+// Makes a Qt icon of an image value.
 #pragma once
 
 #include "Models/Image.h"
@@ -11,15 +11,15 @@ namespace tessary {
 
 /// An icon that draws `image` at any size and device pixel ratio.
 ///
-/// A panel that knows the icon's name recolours the installed symbolic icon as it likes. Any other panel
-/// shows pixels, whose colour it cannot change.
+/// A panel that uses the icon's name recolours the installed symbolic icon. Any other panel shows the pixels
+/// in `tone`.
 ///
-/// @param symbolicName  the name of the installed symbolic icon; empty where none is installed
-/// @param tone          the pixels' colour
+/// @param symbolicName  the name of the installed symbolic icon; empty if none is installed
+/// @param tone          the colour of the pixels
 QIcon templateIcon(const Image& image, const QString& symbolicName, const QColor& tone);
 
-/// `name`, if the icon is installed where desktops look for it (freedesktop.org icon theme: `icons` in the
-/// data directories, theme hicolor); else empty.
+/// Returns `name` if the icon is installed (freedesktop.org icon theme: `icons` in the data directories,
+/// theme hicolor); otherwise empty.
 QString installedSymbolicIcon(const QString& name);
 
 } // namespace tessary

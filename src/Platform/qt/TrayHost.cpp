@@ -27,10 +27,10 @@ namespace {
 const QString watcherService = QStringLiteral("org.kde.StatusNotifierWatcher");
 const QString watcherPath = QStringLiteral("/StatusNotifierWatcher");
 
-/// Desktops have started their panels by then.
-constexpr std::chrono::seconds patience{10};
-/// Until the next attempt: to connect to the successor of a session bus that has ended, or when there was no
-/// room for a thread or files.
+/// Desktops have started their panels by then. Until then a StatusNotifier host may still appear.
+constexpr std::chrono::seconds panelTimeout{10};
+/// The delay before the next attempt to connect to a new session bus after the previous one has ended, to
+/// create a thread, or to open files.
 constexpr std::chrono::seconds retryInterval{5};
 
 xcb_connection_t* displayConnection() {
@@ -47,7 +47,7 @@ xcb_atom_t atom(xcb_connection_t* connection, const std::string& name) {
     return result;
 }
 
-/// The selection that the XEmbed panel of our screen owns.
+/// The selection that the XEmbed panel of this screen owns.
 xcb_atom_t traySelection(xcb_connection_t* connection) {
     char* host = nullptr;
     int display = 0;
@@ -64,7 +64,8 @@ bool hasOwner(xcb_connection_t* connection, xcb_atom_t selection) {
     return result;
 }
 
-/// Whether Qt can open the connection to the bus that an icon has of its own: it tries once.
+/// Whether enough file descriptors are free for the bus connection that Qt opens for an icon. Qt tries only
+/// once.
 bool hasRoomForFiles() {
     std::array<OpenFile, 4> files;
     return std::ranges::all_of(files, [](OpenFile& file) {
@@ -75,8 +76,8 @@ bool hasRoomForFiles() {
 
 } // namespace
 
-/// Hears of the XEmbed panel that starts: it announces itself to the root window (Inter-Client Communication
-/// Conventions Manual, section 2.8).
+/// Detects that an XEmbed panel has started, by its MANAGER message to the root window (Inter-Client
+/// Communication Conventions Manual, section 2.8).
 class TrayHost::ManagerFilter : public QAbstractNativeEventFilter {
   public:
     ManagerFilter(xcb_connection_t* connection, std::function<void()> announced)
@@ -102,11 +103,11 @@ class TrayHost::ManagerFilter : public QAbstractNativeEventFilter {
     const xcb_atom_t selection_;
 };
 
-/// What the thread that connects to the session bus shares with us.
+/// Shared with the thread that connects to the session bus.
 struct TrayHost::Connecting {
     std::mutex mutex;
-    TrayHost* host;                     ///< null once it has gone
-    std::optional<QDBusConnection> bus; ///< once it has answered, or has turned out not to be there
+    TrayHost* host;                     ///< null after its destruction
+    std::optional<QDBusConnection> bus; ///< set when the attempt has succeeded or failed
 };
 
 TrayHost::TrayHost(std::function<void(TrayProtocol)> found, std::function<void()> lost)
@@ -115,7 +116,7 @@ TrayHost::TrayHost(std::function<void(TrayProtocol)> found, std::function<void()
     , connecting_(std::make_shared<Connecting>()) {
     connecting_->host = this;
     connectToBus();
-    QTimer::singleShot(patience, this, [this] {
+    QTimer::singleShot(panelTimeout, this, [this] {
         isPatienceOver_ = true;
         watchXEmbedPanels();
     });
@@ -124,7 +125,7 @@ TrayHost::TrayHost(std::function<void(TrayProtocol)> found, std::function<void()
 TrayHost::~TrayHost() {
     const std::lock_guard lock(connecting_->mutex);
     connecting_->host = nullptr;
-    // At its end the process would wait for the bus to answer.
+    // Otherwise Qt would wait for the bus when the process ends.
     if (!connecting_->bus) on_exit([](int status, void*) { _exit(status); }, nullptr);
 }
 
@@ -134,10 +135,10 @@ void TrayHost::connectToBus() {
         connecting_->bus.reset();
     }
     bus_.reset();
-    // Qt's own connection to the session bus is made once per process.
+    // Qt opens its own connection to the session bus once per process, so later attempts need another name.
     const QString name = endedBuses_ > 0 ? QStringLiteral("tray-%1").arg(endedBuses_) : QString();
     const auto connect = [connecting = connecting_, name] {
-        QDBusConnection::disconnectFromBus(name); // an attempt that has failed
+        QDBusConnection::disconnectFromBus(name); // removes a failed attempt
         const QDBusConnection bus = name.isEmpty()
                                         ? QDBusConnection::sessionBus()
                                         : QDBusConnection::connectToBus(QDBusConnection::SessionBus, name);
@@ -159,7 +160,7 @@ void TrayHost::busHasAnswered() {
     if (!bus_->isConnected() && endedBuses_ > 0)
         return QTimer::singleShot(retryInterval, this, &TrayHost::connectToBus);
     if (!bus_->isConnected()) {
-        isPatienceOver_ = true; // nothing better will come
+        isPatienceOver_ = true; // without a bus there will be no StatusNotifier host
         return watchXEmbedPanels();
     }
     bus_->connect({}, QStringLiteral("/org/freedesktop/DBus/Local"),
@@ -175,7 +176,7 @@ void TrayHost::busHasAnswered() {
     if (isPatienceOver_) QTimer::singleShot(std::chrono::seconds(1), this, &TrayHost::watchXEmbedPanels);
 }
 
-/// Qt chooses the protocol once per process: what has shown the icon over the bus never does without one.
+/// Qt chooses the protocol once per process: after StatusNotifierItem it never uses XEmbed.
 void TrayHost::busHasEnded() {
     if (managers_ || (isSettled_ && isXEmbed_)) return;
     ++endedBuses_;
@@ -199,11 +200,11 @@ void TrayHost::askForStatusNotifierHost() {
 }
 
 void TrayHost::watchXEmbedPanels() {
-    // Qt asks the bus once more when it makes the tray's object, so a bus that has not answered must not be
-    // asked.
+    // Qt queries the bus again when the tray icon is created, so that must not happen before the bus has
+    // answered.
     if (isSettled_ || managers_ || !bus_ || !isPatienceOver_ || !displayConnection()) return;
     managers_ = std::make_unique<ManagerFilter>(displayConnection(), [this] {
-        QTimer::singleShot(0, this, &TrayHost::askForXEmbedPanel); // not inside the event's delivery
+        QTimer::singleShot(0, this, &TrayHost::askForXEmbedPanel); // not inside the event filter
     });
     askForXEmbedPanel();
 }

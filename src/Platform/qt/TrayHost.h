@@ -10,23 +10,25 @@
 
 namespace tessary {
 
-/// How a panel and the program talk: Qt decides it once per process, so it must not decide too early.
+/// The protocol between panel and program. Qt chooses it once per process, when the first tray icon is
+/// created, so that must not happen too early.
 enum class TrayProtocol {
     statusNotifierItem, ///< over the session bus (StatusNotifierItem, com.canonical.dbusmenu)
-    xembed,             ///< as a window inside the panel's (System Tray Protocol)
+    xembed,             ///< as a window embedded in the panel (System Tray Protocol)
 };
 
-/// Tells when there is a panel. A StatusNotifier host counts as soon as it is registered on the session bus;
-/// a panel that knows XEmbed alone only after ten seconds, because at login both kinds of panel take their
-/// time, and the better one may be the later one. If the bus ends, a panel on its successor is looked for.
+/// Reports when there is a panel. A StatusNotifier host is used as soon as it is registered on the session
+/// bus. An XEmbed panel is used after ten seconds at the earliest, because at login both kinds take time to
+/// start, and a StatusNotifier host is preferred; without a session bus it is used at once. If the session
+/// bus ends, the search continues on the next one.
 ///
-/// Runs on: the main thread. A session bus that does not answer holds up a thread of its own and nobody else.
+/// Runs on: the main thread. A session bus that does not answer blocks a separate thread only.
 class TrayHost : public QObject {
     Q_OBJECT
 
   public:
-    /// @param found  a panel is there: at once, and again after each `lost`
-    /// @param lost   the session bus has ended, and with it what the StatusNotifier host shows
+    /// @param found  called when there is a panel, and again after each `lost`
+    /// @param lost   called when the session bus has ended, and the StatusNotifier item with it
     TrayHost(std::function<void(TrayProtocol)> found, std::function<void()> lost);
     ~TrayHost() override;
 
@@ -46,12 +48,12 @@ class TrayHost : public QObject {
     const std::function<void()> lost_;
     int endedBuses_ = 0;
     bool isSettled_ = false;
-    bool isXEmbed_ = false;       ///< what it has settled for
-    bool isPatienceOver_ = false; ///< with desktops that may yet start a StatusNotifier host
+    bool isXEmbed_ = false;       ///< the protocol in use, once `isSettled_`
+    bool isPatienceOver_ = false; ///< an XEmbed panel is accepted too
     const std::shared_ptr<Connecting> connecting_;
-    std::optional<QDBusConnection> bus_; ///< once it has answered
+    std::optional<QDBusConnection> bus_; ///< present once it has answered or failed
     QDBusServiceWatcher watcher_;
-    std::unique_ptr<ManagerFilter> managers_; ///< there once XEmbed will do
+    std::unique_ptr<ManagerFilter> managers_; ///< present while an XEmbed panel is accepted
 };
 
 } // namespace tessary

@@ -19,7 +19,7 @@ constexpr const char* group = G_KEY_FILE_DESKTOP_GROUP;
 constexpr const char* hiddenKey = G_KEY_FILE_DESKTOP_KEY_HIDDEN;
 constexpr const char* execKey = G_KEY_FILE_DESKTOP_KEY_EXEC;
 constexpr const char* tryExecKey = G_KEY_FILE_DESKTOP_KEY_TRY_EXEC;
-/// The settings of several desktops disable an entry with this key instead of `Hidden`.
+/// Several desktops disable an entry with this key instead of `Hidden`.
 constexpr const char* enabledKey = "X-GNOME-Autostart-enabled";
 
 LoginServiceError failure(const std::string& attempt, const fs::path& path, const std::string& reason) {
@@ -33,10 +33,10 @@ using KeyFile = std::unique_ptr<GKeyFile, Unref>;
 
 /// Leaves `entry` null if there is no file.
 std::optional<LoginServiceError> load(const fs::path& path, KeyFile& entry) {
-    std::error_code ignored; // reading then fails with the same
+    std::error_code ignored; // reading then fails with the same error
     const fs::file_status file = fs::status(path, ignored);
     if (file.type() == fs::file_type::not_found) return std::nullopt;
-    if (fs::is_fifo(file)) return failure("cannot read", path, "a pipe"); // opening waits for its writer
+    if (fs::is_fifo(file)) return failure("cannot read", path, "a pipe"); // opening would block
     KeyFile content(g_key_file_new());
     constexpr auto flags = GKeyFileFlags(G_KEY_FILE_KEEP_COMMENTS | G_KEY_FILE_KEEP_TRANSLATIONS);
     g_autoptr(GError) error = nullptr;
@@ -50,7 +50,7 @@ std::optional<LoginServiceError> save(GKeyFile& entry, const fs::path& path) {
     if (g_mkdir_with_parents(path.parent_path().c_str(), 0700) != 0)
         return failure("cannot make the folder", path.parent_path(), g_strerror(errno));
     std::error_code unresolved;
-    const fs::path target = fs::canonical(path, unresolved); // a symbolic link stays one
+    const fs::path target = fs::canonical(path, unresolved); // so that a symbolic link is kept
     gsize size = 0;
     g_autofree gchar* bytes = g_key_file_to_data(&entry, &size, nullptr);
     g_autoptr(GError) error = nullptr;
@@ -65,13 +65,13 @@ std::string text(GKeyFile& entry, const char* key) {
     return value ? value : "";
 }
 
-/// Where the program is; empty if it is not installed.
+/// The path of the program; empty if it is not installed.
 fs::path find(const std::string& program) {
     g_autofree gchar* path = g_find_program_in_path(program.c_str());
     return path ? path : "";
 }
 
-/// The words of the entry's command line; none if it cannot be run.
+/// The arguments of the entry's command line; none if the program that it names is not installed.
 std::vector<std::string> command(GKeyFile& entry) {
     g_auto(GStrv) words = nullptr;
     if (!g_shell_parse_argv(text(entry, execKey).c_str(), nullptr, &words, nullptr)) return {};
@@ -79,7 +79,7 @@ std::vector<std::string> command(GKeyFile& entry) {
     return {words, words + g_strv_length(words)};
 }
 
-/// The command line that starts a program, its path quoted where it must be.
+/// The `Exec` value that starts a program, quoted where Desktop Entry requires it.
 std::string commandLine(const std::string& path) {
     std::string escaped;
     for (const char character : path) {
@@ -88,7 +88,7 @@ std::string commandLine(const std::string& path) {
         escaped += character;
     }
     if (path.find_first_of(" \t\n\"'\\><~|&;$*?#()`") != std::string::npos) escaped = '"' + escaped + '"';
-    // Some desktops look for the program before they read "%%" as a percent sign.
+    // Some desktops search for the program before they replace "%%" by a percent sign.
     return path.find('%') == std::string::npos ? escaped : "env " + escaped;
 }
 
@@ -101,14 +101,14 @@ bool isStarted(GKeyFile& entry) {
 }
 
 bool runs(GKeyFile& entry, const fs::path& executable) {
-    const auto words = command(entry); // "env NAME=value program" runs it too
+    const auto words = command(entry); // all of them, because of "env NAME=value program"
     return std::any_of(words.begin(), words.end(), [&](const std::string& word) {
         std::error_code ignored;
         return fs::equivalent(find(word), executable, ignored);
     });
 }
 
-/// Adds what the entry lacks to start the program.
+/// Adds the keys that the entry lacks to start the program.
 void complete(GKeyFile& entry, const fs::path& executable) {
     constexpr std::pair<const char*, const char*> constants[] = {
         {G_KEY_FILE_DESKTOP_KEY_TYPE, "Application"},
@@ -121,8 +121,8 @@ void complete(GKeyFile& entry, const fs::path& executable) {
             g_key_file_set_string(&entry, group, key, value);
     if (runs(entry, executable)) return;
     g_key_file_set_string(&entry, group, execKey, commandLine(executable.string()).c_str());
-    g_key_file_set_string(&entry, group, tryExecKey,
-                          executable.c_str()); // nothing starts once it is uninstalled
+    // With TryExec, desktops ignore the entry once the program is uninstalled.
+    g_key_file_set_string(&entry, group, tryExecKey, executable.c_str());
 }
 
 } // namespace
