@@ -77,7 +77,7 @@ TEST(PlayerTest, SystemExclusiveIsWholeAndOfTheSizeAskedFor) {
         for (std::size_t k = 1; k + 1 < size; ++k)
             ASSERT_LT(message[k], 0x80) << k;
     }
-    EXPECT_EQ(hex(messageAt(Play::sysex, 300, smallestSysex)), "F0 7D F7");
+    EXPECT_EQ(hex(messageAt(Play::sysex, 300, minSysexSize)), "F0 7D F7");
 }
 
 TEST(RTPMIDIWriterTest, HeaderAndListOfOneDatagram) {
@@ -105,7 +105,7 @@ TEST(RTPMIDIWriterTest, MessagesThatDoNotFitGoOnInTheNextList) {
 
 TEST(RTPMIDIWriterTest, LongSystemExclusiveGoesInSegmentsBetweenItsNeighbours) {
     for (const std::size_t size :
-         {longestList + 1, 2 * longestList - 2, 2 * longestList - 1, std::size_t{20'000}}) {
+         {maxListSize + 1, 2 * maxListSize - 2, 2 * maxListSize - 1, std::size_t{20'000}}) {
         RTPMIDIWriter writer(1, 1);
         const MIDIMessage sysex = messageAt(Play::sysex, 5, size);
         const auto datagrams = written(writer, {{0xF8}, sysex, {0xFA}});
@@ -116,7 +116,7 @@ TEST(RTPMIDIWriterTest, LongSystemExclusiveGoesInSegmentsBetweenItsNeighbours) {
         for (std::size_t i = 1; i + 1 < datagrams.size(); ++i) {
             const Bytes whole = payload(datagrams[i]);
             const Bytes list(whole.begin() + (whole[0] & 0x80 ? 2 : 1), whole.end());
-            EXPECT_LE(list.size(), longestList);
+            EXPECT_LE(list.size(), maxListSize);
             EXPECT_EQ(list.front(), i == 1 ? 0xF0 : 0xF7);
             EXPECT_EQ(list.back(), i + 2 == datagrams.size() ? 0xF7 : 0xF0);
             EXPECT_GT(list.size(), 2U) << "a segment without content";

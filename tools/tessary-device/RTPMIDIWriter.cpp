@@ -7,7 +7,7 @@ namespace tessary::device {
 namespace {
 
 /// The longest list that the one-byte header can announce.
-constexpr std::size_t longestShortList = 15;
+constexpr std::size_t maxShortListSize = 15;
 
 template <typename Integer>
 void append(std::vector<std::uint8_t>& bytes, Integer value) {
@@ -20,12 +20,12 @@ void append(std::vector<std::uint8_t>& bytes, Integer value) {
 void RTPMIDIWriter::write(std::span<const MIDIMessage> messages, std::uint32_t timestamp, const Send& send) {
     for (const MIDIMessage& message : messages) {
         if (message.empty()) continue;
-        if (message.size() > longestList) {
+        if (message.size() > maxListSize) {
             flush(timestamp, send);
             writeSegments(message, timestamp, send);
             continue;
         }
-        if (list_.size() + 1 + message.size() > longestList) flush(timestamp, send);
+        if (list_.size() + 1 + message.size() > maxListSize) flush(timestamp, send);
         if (!list_.empty()) list_.push_back(0);
         list_.insert(list_.end(), message.begin(), message.end());
     }
@@ -35,7 +35,7 @@ void RTPMIDIWriter::write(std::span<const MIDIMessage> messages, std::uint32_t t
 void RTPMIDIWriter::writeSegments(const MIDIMessage& sysex, std::uint32_t timestamp, const Send& send) {
     // What lies between F0 and F7; each segment puts a byte of its own before and after its share.
     const auto content = std::span(sysex).subspan(1, sysex.size() - 2);
-    constexpr std::size_t share = longestList - 2;
+    constexpr std::size_t share = maxListSize - 2;
     for (std::size_t start = 0; start < content.size(); start += share) {
         const auto piece = content.subspan(start, std::min(share, content.size() - start));
         const bool last = start + piece.size() == content.size();
@@ -52,7 +52,7 @@ void RTPMIDIWriter::flush(std::uint32_t timestamp, const Send& send) {
     append(datagram_, sequenceNumber_++);
     append(datagram_, timestamp);
     append(datagram_, ssrc_);
-    if (list_.size() > longestShortList)
+    if (list_.size() > maxShortListSize)
         datagram_.push_back(static_cast<std::uint8_t>(0x80 | list_.size() >> 8));
     datagram_.push_back(static_cast<std::uint8_t>(list_.size()));
     datagram_.insert(datagram_.end(), list_.begin(), list_.end());

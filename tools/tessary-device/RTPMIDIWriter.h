@@ -11,7 +11,7 @@
 namespace tessary::device {
 
 /// The longest MIDI list written: with all headers it fits the Ethernet MTU of 1500 bytes.
-constexpr std::size_t longestList = 1200;
+constexpr std::size_t maxListSize = 1200;
 
 /// One RTP stream of MIDI.
 ///

@@ -3,303 +3,237 @@
 #include "Device.h"
 
 #include "Models/UTF8.h"
+#include "Platform/epoll/AddressMonitor.h"
 
-#include <asio.hpp>
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
 
+#include <algorithm>
 #include <arpa/inet.h>
-#include <charconv>
-#include <cmath>
+#include <bit>
 #include <csignal>
 #include <cstdio>
-#include <ifaddrs.h>
-#include <iomanip>
+#include <exception>
+#include <list>
 #include <map>
-#include <net/if.h>
-#include <sstream>
-#include <stdexcept>
+#include <optional>
+#include <string>
+#include <vector>
 
-namespace tessary::device {
+namespace tessary {
+
+// CLI11 reads the types of an option by functions of this name.
+bool lexical_cast(const std::string& text, IPv4Host& host) {
+    const auto parsed = IPv4Host::parse(text);
+    if (parsed) host = *parsed;
+    return parsed.has_value();
+}
+
+namespace device {
 
 namespace {
 
-constexpr const char* help =
-    R"(Usage: tessary-device [OPTION]...
+const std::map<std::string, Play> tunes{{"scale", Play::scale}, {"chords", Play::chords},
+                                        {"sweep", Play::sweep}, {"sysex", Play::sysex},
+                                        {"mixed", Play::mixed}, {"nothing", Play::nothing}};
 
-Simulates one or many companion devices: announces them by multicast DNS, accepts the RTP-MIDI
-sessions of any number of initiators and plays to each session from the moment that its clock
-exchange has completed. Prints one line for each event. SIGTERM or SIGINT ends it: it says BY to
-every session and withdraws its announcements.
+const std::map<std::string, Port> ports{{"control", Port::control}, {"data", Port::data}};
 
-Who it is
-  --name NAME           name of the device (default "Tessary Device")
-  --marker-name NAME    name of its marker service (default: as the device)
-  --address A.B.C.D     address to announce and to listen on (default: the machine's first that is
-                        not the loopback). Repeat it for a device on several links: each interface
-                        then announces the address in its own subnet
-  --port P              control port; the data port is the next one (default 5004)
-  --count N             N devices, named NAME 1 to NAME N, at N consecutive addresses from
-                        --address on, which the machine must have
-  --no-marker           announce _apple-midi._udp, but not the marker service _tessarylink._tcp
-  --no-announce         announce nothing
+constexpr const char* description =
+    R"(Simulates one or many companion devices: announces them by multicast DNS, accepts the RTP-MIDI
+sessions of any number of initiators, and plays to each session once its clock exchange has
+completed. Prints one line for each event. SIGTERM or SIGINT ends it: it ends every session and
+withdraws its announcements.)";
 
-What it plays
-  --play TUNE           scale, chords, sweep, sysex, mixed or nothing (default scale). Each message
-                        follows from its number, see Player.h
-  --rate R              messages a second, up to 100000 (default 4)
-  --per-datagram N      messages in one datagram (default 1; chords: whole chords of 3)
-  --messages N          stop playing after N messages to a session (default 0: never)
-  --sysex-size BYTES    length of a System Exclusive, F0 and F7 included (default 256); one above
-                        1200 goes in segments
-  --channel N           MIDI channel of what it plays, 1 to 16 (default 1)
-  --clock               start clock exchanges too: after the data invitation and every 10 s
-  --wait-for-clock      play nothing before such an exchange was answered (implies --clock)
+/// In place of CLI11's range, which accepts NaN.
+CLI::Validator isNumber(double least, double most) {
+    const auto problem = [least, most](const std::string& value) -> std::string {
+        double number{};
+        if (CLI::detail::lexical_cast(value, number) && number >= least && number <= most) return {};
+        return value + " is no number from " + CLI::detail::to_string(least) + " to " +
+               CLI::detail::to_string(most);
+    };
+    return {problem, ""};
+}
 
-How it misbehaves (SECONDS count from the start unless said otherwise; fractions are welcome)
-  --reject PORT         reject the invitations to one port: control or data
-  --silent              never answer anything
-  --answer-delay MS     answer that many milliseconds late
-  --wrong-token         accept invitations with a token that is not theirs
-  --bye-after SECONDS   say BY on both ports when a session has run that long
-  --open-after SECONDS  announce at once, but open the ports that late
-  --close-after SECONDS    close the ports, without a word
-  --withdraw-after SECONDS withdraw the announcement (goodbye) and go on otherwise
-  --garbage R           send R random datagrams a second to the data port of each session
-  --other-ssrc          use different SSRCs on the control and the data port
-
-  --help                print this
-
-Examples
-  tessary-device
-        a device that plays a scale to whoever connects
-  tessary-device --rate 1000 --messages 5000 --wait-for-clock
-        5000 notes in 5 seconds; the velocities 1 to 127, over and over, show each loss
-  tessary-device --address 127.0.0.10 --count 64 --play chords
-        64 devices on the loopback network
-  tessary-device --play sysex --sysex-size 20000 --rate 2
-        long System Exclusive in segments
-  tessary-device --open-after 3 --bye-after 10
-        a device whose port opens late and that hangs up after 10 seconds
-)";
-
-/// What is wrong with the command line, for the person who wrote it.
-struct UsageError : std::runtime_error {
-    using runtime_error::runtime_error;
-};
-
+/// What the command line asks for.
 struct CommandLine {
     DeviceOptions device;
-    std::optional<std::string> markerName;
-    bool marker = true;
-    std::uint64_t count = 1;
-    bool help = false;
+    std::string markerName;
+    bool hasMarker = true;
+    bool isAnnounced = true;
+    std::optional<Seconds> withdrawAfter;
+    std::uint32_t count = 1;
 };
 
-template <typename Number>
-Number numberFrom(const std::string& option, const std::string& value, Number least, Number most) {
-    Number number{};
-    const char* end = value.data() + value.size();
-    const auto [stop, error] = std::from_chars(value.data(), end, number);
-    if (error != std::errc{} || stop != end || !(number >= least && number <= most))
-        throw UsageError(option + ": \"" + value + "\" is no number from " +
-                         (std::ostringstream() << std::setprecision(9) << least << " to " << most).str());
-    return number;
-}
-
-/// At most three years: far more, and the clock's type would have no room.
-Seconds secondsFrom(const std::string& option, const std::string& value) {
-    return Seconds(numberFrom(option, value, 0.0, 1e8));
-}
-
-std::string nameFrom(const std::string& option, const std::string& value) {
-    if (value.empty() || value.size() > 63 || !isUTF8(value))
-        throw UsageError(option + ": a name has 1 to 63 bytes of UTF-8");
-    return value;
-}
-
-std::uint32_t numberOf(const IPv4Host& host) {
-    std::uint32_t number = 0;
-    for (const std::uint8_t byte : host.bytes)
-        number = number << 8 | byte;
-    return number;
-}
-
-IPv4Host hostOf(std::uint32_t number) {
-    IPv4Host host;
-    for (std::size_t i = 0; i < 4; ++i)
-        host.bytes[i] = static_cast<std::uint8_t>(number >> (24 - 8 * i));
-    return host;
-}
-
-IPv4Host firstOwnAddress() {
-    IPv4Host result{{127, 0, 0, 1}};
-    ifaddrs* interfaces = nullptr;
-    if (getifaddrs(&interfaces) != 0) return result;
-    for (const ifaddrs* entry = interfaces; entry; entry = entry->ifa_next) {
-        if (!entry->ifa_addr || entry->ifa_addr->sa_family != AF_INET || (entry->ifa_flags & IFF_LOOPBACK))
-            continue;
-        result = hostOf(ntohl(reinterpret_cast<const sockaddr_in*>(entry->ifa_addr)->sin_addr.s_addr));
-        break;
-    }
-    freeifaddrs(interfaces);
-    return result;
-}
-
-CommandLine parse(const std::vector<std::string>& arguments) {
-    CommandLine result;
-    DeviceOptions& device = result.device;
-    using Text = const std::string&;
-    const std::map<std::string, std::function<void()>> switches{
-        {"--help", [&] { result.help = true; }},
-        {"--no-marker", [&] { result.marker = false; }},
-        {"--no-announce", [&] { device.announces = false; }},
-        {"--clock", [&] { device.startsClock = true; }},
-        {"--wait-for-clock", [&] { device.startsClock = device.waitsForClock = true; }},
-        {"--silent", [&] { device.silent = true; }},
-        {"--wrong-token", [&] { device.wrongToken = true; }},
-        {"--other-ssrc", [&] { device.otherSSRC = true; }},
+/// Makes the options, which write their values into `line`.
+void addOptions(CLI::App& app, CommandLine& line) {
+    DeviceOptions& device = line.device;
+    const auto add = [&app](const char* name, auto& variable, const CLI::Validator& check, const char* value,
+                            const char* text) {
+        return app.add_option(name, variable, text)->option_text(value)->transform(check);
     };
-    const std::map<std::string, std::function<void(Text, Text)>> settings{
-        {"--name", [&](Text option, Text value) { device.name = nameFrom(option, value); }},
-        {"--marker-name", [&](Text option, Text value) { result.markerName = nameFrom(option, value); }},
-        {"--address",
-         [&](Text option, Text value) {
-             const auto host = IPv4Host::parse(value);
-             if (!host) throw UsageError(option + ": \"" + value + "\" is no IPv4 address");
-             device.addresses.push_back(*host);
-         }},
-        {"--port",
-         [&](Text option, Text value) {
-             device.controlPort = numberFrom<std::uint16_t>(option, value, 1, 65534);
-         }},
-        {"--count",
-         [&](Text option, Text value) { result.count = numberFrom<std::uint64_t>(option, value, 1, 4096); }},
-        {"--play",
-         [&](Text option, Text value) {
-             const auto play = playNamed(value);
-             if (!play)
-                 throw UsageError(option + ": \"" + value +
-                                  "\" is none of scale, chords, sweep, sysex, mixed, nothing");
-             device.play = *play;
-         }},
-        {"--rate",
-         [&](Text option, Text value) { device.rate = numberFrom(option, value, 0.001, 100'000.0); }},
-        {"--per-datagram",
-         [&](Text option, Text value) {
-             device.messagesPerDatagram = numberFrom<std::size_t>(option, value, 1, 1000);
-         }},
-        {"--messages",
-         [&](Text option, Text value) {
-             device.messages = numberFrom<std::uint64_t>(option, value, 0, 1'000'000'000'000);
-         }},
-        {"--channel",
-         [&](Text option, Text value) {
-             device.channel = static_cast<std::uint8_t>(numberFrom(option, value, 1, 16));
-         }},
-        {"--sysex-size",
-         [&](Text option, Text value) {
-             device.sysexSize = numberFrom<std::size_t>(option, value, smallestSysex, 1'000'000);
-         }},
-        {"--reject",
-         [&](Text option, Text value) {
-             if (value != "control" && value != "data")
-                 throw UsageError(option + ": \"" + value + "\" is none of control, data");
-             device.rejects = value == "control" ? Port::control : Port::data;
-         }},
-        {"--answer-delay",
-         [&](Text option, Text value) {
-             device.answerDelay = std::chrono::milliseconds(numberFrom(option, value, 0, 3'600'000));
-         }},
-        {"--bye-after", [&](Text option, Text value) { device.byeAfter = secondsFrom(option, value); }},
-        {"--open-after", [&](Text option, Text value) { device.openAfter = secondsFrom(option, value); }},
-        {"--close-after", [&](Text option, Text value) { device.closeAfter = secondsFrom(option, value); }},
-        {"--withdraw-after",
-         [&](Text option, Text value) { device.withdrawAfter = secondsFrom(option, value); }},
-        {"--garbage",
-         [&](Text option, Text value) { device.garbageRate = numberFrom(option, value, 0.0, 100'000.0); }},
-    };
+    const auto isOneOf = [](const auto& values) { return CLI::IsMember(values) & CLI::Transformer(values); };
+    const CLI::Validator any;
+    // More seconds than these (three years) could overflow the clock's type.
+    const CLI::Validator isTime = isNumber(0, 1e8);
 
-    for (auto argument = arguments.begin(); argument != arguments.end(); ++argument) {
-        const std::string option = argument->substr(0, argument->find('='));
-        const bool joined = option.size() < argument->size();
-        if (const auto found = switches.find(option); found != switches.end()) {
-            if (joined) throw UsageError(option + " takes no value");
-            found->second();
-        } else if (const auto setting = settings.find(option); setting != settings.end()) {
-            if (!joined && ++argument == arguments.end()) throw UsageError(option + " needs a value");
-            setting->second(option, joined ? argument->substr(option.size() + 1) : *argument);
-        } else {
-            throw UsageError("there is no option " + *argument);
-        }
-    }
-    return result;
+    app.option_defaults()->group("Identity");
+    add("--name", device.name, any, "NAME", "name of the device (default \"Tessary Device\")");
+    add("--marker-name", line.markerName, any, "NAME", "name of its marker service (default: the device's)");
+    add("--address", device.addresses, any, "A.B.C.D",
+        "address to announce and to listen on (default: the machine's first\n"
+        "that is not the loopback). Repeat it for a device on several links:\n"
+        "each interface then announces the address in its own subnet")
+        ->allow_extra_args(false);
+    add("--port", device.controlPort, isNumber(1, 65534), "P",
+        "control port; the data port is the next one (default 5004)");
+    add("--count", line.count, isNumber(1, 4096), "N",
+        "N devices, named NAME 1 to NAME N, at N consecutive addresses from\n"
+        "--address on, which the machine must have");
+    app.add_flag_callback(
+        "--no-marker", [&] { line.hasMarker = false; },
+        "announce _apple-midi._udp, but not the marker service\n_tessarylink._tcp");
+    app.add_flag_callback(
+        "--no-announce", [&] { line.isAnnounced = false; }, "announce nothing");
+
+    app.option_defaults()->group("What it plays");
+    add("--play", device.play, isOneOf(tunes), "TUNE",
+        "scale, chords, sweep, sysex, mixed or nothing (default scale). Each\n"
+        "message follows from its number, see Player.h");
+    add("--rate", device.rate, isNumber(0.001, 100'000), "R", "messages a second, up to 100000 (default 4)");
+    add("--per-datagram", device.messagesPerDatagram, isNumber(1, 1000), "N",
+        "messages in one datagram (default 1; chords: whole chords of 3)");
+    add("--messages", device.messages, isNumber(0, 1e12), "N",
+        "stop after N messages to a session (default 0: never)");
+    add("--sysex-size", device.sysexSize, isNumber(minSysexSize, 1'000'000), "BYTES",
+        "length of a System Exclusive, F0 and F7 included (default 256); one\n"
+        "above 1200 goes in segments");
+    add("--channel", device.channel, isNumber(1, 16), "N",
+        "MIDI channel of what it plays, 1 to 16 (default 1)");
+    app.add_flag("--clock", device.startsClock,
+                 "start clock exchanges too: after the data invitation and every 10 s");
+    app.add_flag("--wait-for-clock", device.waitsForClock,
+                 "play nothing before such an exchange was answered (implies --clock)");
+
+    app.option_defaults()->group("How it misbehaves (SECONDS count from the start unless said otherwise)");
+    add("--reject", device.rejects, isOneOf(ports), "PORT",
+        "reject the invitations to one port: control or data");
+    app.add_flag("--silent", device.isSilent, "never answer anything");
+    add("--answer-delay", device.answerDelay, isNumber(0, 3'600'000), "MS",
+        "answer that many milliseconds late");
+    app.add_flag("--wrong-token", device.hasWrongToken, "accept invitations with a token that is not theirs");
+    add("--bye-after", device.byeAfter, isTime, "SECONDS", "end a session that has run that long");
+    add("--open-after", device.openAfter, isTime, "SECONDS",
+        "announce at once, but open the ports that late");
+    add("--close-after", device.closeAfter, isTime, "SECONDS", "close the ports without a BY");
+    add("--withdraw-after", line.withdrawAfter, isTime, "SECONDS",
+        "withdraw the announcement (goodbye) and change nothing else");
+    add("--garbage", device.garbageRate, isNumber(0, 100'000), "R",
+        "send R random datagrams a second to the data port of each session");
+    app.add_flag("--other-ssrc", device.hasOtherSSRC, "use different SSRCs on the control and the data port");
 }
 
-/// The devices that the command line asks for.
-std::vector<DeviceOptions> devicesOf(CommandLine line) {
-    DeviceOptions& common = line.device;
-    if (common.addresses.empty()) common.addresses.push_back(firstOwnAddress());
-    if (line.count > 1 && common.addresses.size() > 1)
-        throw UsageError("--count goes with one --address only");
-    if (common.play == Play::chords) // whole chords
-        common.messagesPerDatagram =
-            (common.messagesPerDatagram + notesPerChord - 1) / notesPerChord * notesPerChord;
+/// The addresses and names of `line` without those that it leaves to the program; whole chords.
+///
+/// Errors: throws CLI::ValidationError.
+void complete(CommandLine& line) {
+    DeviceOptions& device = line.device;
+    if (device.addresses.empty()) {
+        const auto own = ownAddresses();
+        const auto first =
+            std::ranges::find_if(own, [](const IPv4Host& host) { return host.bytes[0] != 127; });
+        device.addresses.push_back(first == own.end() ? IPv4Host{{127, 0, 0, 1}} : *first);
+    }
+    if (line.count > 1 && device.addresses.size() > 1)
+        throw CLI::ValidationError("--count", "goes with one --address only");
+    if (line.markerName.empty()) line.markerName = device.name;
+    const std::size_t maxName = 63 - (line.count > 1 ? 1 + std::to_string(line.count).size() : 0);
+    for (const std::string& name : {device.name, line.markerName})
+        if (name.empty() || name.size() > maxName || !isUTF8(name))
+            throw CLI::ValidationError("--name", "a name has 1 to 63 bytes of UTF-8");
+    device.startsClock |= device.waitsForClock;
+    if (device.play == Play::chords)
+        device.messagesPerDatagram =
+            (device.messagesPerDatagram + notesPerChord - 1) / notesPerChord * notesPerChord;
+}
 
-    std::vector<DeviceOptions> devices;
-    const std::uint32_t first = numberOf(common.addresses.front());
+EventLoop* runningLoop = nullptr;
+
+void run(const CommandLine& line) {
+    EventLoop loop;
+    runningLoop = &loop;
+    for (const int number : {SIGINT, SIGTERM, SIGHUP})
+        std::signal(number, [](int) { runningLoop->stop(); });
+
+    std::list<Device> devices;
+    std::vector<Announcement> announcements;
+    const std::uint32_t firstAddress = ntohl(std::bit_cast<in_addr_t>(line.device.addresses.front().bytes));
     for (std::uint32_t i = 0; i < line.count; ++i) {
-        DeviceOptions device = common;
+        DeviceOptions options = line.device;
         std::string suffix;
-        if (line.count > 1) suffix.append(" ").append(std::to_string(i + 1));
-        device.name = nameFrom("--name", common.name + suffix);
-        if (line.marker)
-            device.markerName =
-                line.markerName ? nameFrom("--marker-name", *line.markerName + suffix) : device.name;
-        if (line.count > 1) device.addresses = {hostOf(first + i)};
-        devices.push_back(device);
+        if (line.count > 1) {
+            options.addresses = {{std::bit_cast<decltype(IPv4Host::bytes)>(htonl(firstAddress + i))}};
+            suffix = " " + std::to_string(i + 1);
+        }
+        options.name += suffix;
+        Device& device = devices.emplace_back(loop, options);
+        device.start();
+        // Reports come on the announcer's thread.
+        const auto report = [&loop, &device](const std::string& event) {
+            loop.post([&device, event] { device.print(event); });
+        };
+        announcements.push_back({options.name, line.hasMarker ? line.markerName + suffix : "",
+                                 options.addresses, options.controlPort, report});
     }
-    return devices;
+    std::optional<Announcer> announcer;
+    if (line.isAnnounced) announcer.emplace(std::move(announcements));
+    if (line.withdrawAfter)
+        loop.at(EventLoop::Clock::now() +
+                    std::chrono::duration_cast<EventLoop::Clock::duration>(*line.withdrawAfter),
+                [&] {
+                    announcer.reset();
+                    for (const Device& device : devices)
+                        device.print("announcement withdrawn");
+                });
+    loop.run();
+
+    for (Device& device : devices)
+        device.stop();
+    announcer.reset();
+    for (const Device& device : devices)
+        device.printTotals();
 }
 
-void run(const std::vector<DeviceOptions>& wanted) {
-    asio::io_context context(1);
-    std::vector<std::unique_ptr<Device>> devices;
-    {
-        Announcer announcer;
-        asio::signal_set signals(context, SIGINT, SIGTERM, SIGHUP);
-        signals.async_wait([&](std::error_code, int) { context.stop(); });
-        for (const DeviceOptions& options : wanted) {
-            devices.push_back(std::make_unique<Device>(context, announcer, options));
-            devices.back()->start();
-        }
-        context.run();
-        for (const auto& device : devices)
-            device->sayBye();
+int runCommandLine(int argc, char** argv) {
+    CLI::App app(description, "tessary-device");
+    app.set_help_flag("--help", "print this and exit");
+    app.set_version_flag("--version", "tessary-device " TESSARY_VERSION, "print the version and exit");
+    CommandLine line;
+    addOptions(app, line);
+    try {
+        app.parse(argc, argv);
+        complete(line);
+        run(line);
+        return 0;
+    } catch (const CLI::Success& request) { // --help or --version
+        return app.exit(request);
+    } catch (const std::exception& error) {
+        const bool isUsage = dynamic_cast<const CLI::ParseError*>(&error);
+        std::fprintf(stderr, "tessary-device: %s%s\n", escapedControls(error.what()).c_str(),
+                     isUsage ? " (--help explains)" : "");
+        return isUsage ? 2 : 1;
     }
-    for (const auto& device : devices)
-        device->printTotals();
 }
 
 } // namespace
 
-} // namespace tessary::device
+} // namespace device
+
+} // namespace tessary
 
 int main(int argc, char** argv) {
-    using namespace tessary::device;
     std::signal(SIGPIPE, SIG_IGN);
-    try {
-        const CommandLine line = parse({argv + 1, argv + argc});
-        if (line.help) {
-            std::fputs(help, stdout);
-            return 0;
-        }
-        run(devicesOf(line));
-        return 0;
-    } catch (const UsageError& error) {
-        std::fprintf(stderr, "tessary-device: %s (--help explains)\n",
-                     tessary::escapedControls(error.what()).c_str());
-        return 2;
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "tessary-device: %s\n", tessary::escapedControls(error.what()).c_str());
-        return 1;
-    }
+    return tessary::device::runCommandLine(argc, argv);
 }
