@@ -9,8 +9,8 @@ fail() {
     exit 1
 }
 
-build_packages=(g++ cmake dpkg-dev ninja-build pkg-config python3 libasio-dev libasound2-dev
-    libavahi-client-dev libavahi-core-dev libdbus-1-dev libglib2.0-dev libjack-jackd2-dev libseccomp-dev libxcb1-dev qt6-base-dev libgtest-dev)
+build_packages=(g++ cmake dpkg-dev ninja-build pkg-config python3 libasound2-dev
+    libavahi-client-dev libavahi-core-dev libcli11-dev libdbus-1-dev libglib2.0-dev libjack-jackd2-dev libseccomp-dev libxcb1-dev qt6-base-dev libgtest-dev)
 
 # Installs those of the named Debian packages that are missing; says so, and asks nothing if none is.
 install_packages() {

@@ -37,10 +37,10 @@ std::map<AvahiIfIndex, std::set<Address>> addressesByInterface(const std::vector
     ifaddrs* interfaces = nullptr;
     if (getifaddrs(&interfaces) != 0) return result;
     for (const ifaddrs* entry = interfaces; entry; entry = entry->ifa_next) {
-        const unsigned index = if_nametoindex(entry->ifa_name);
-        if (index == 0) continue; // it has just gone
+        const unsigned index = if_nametoindex(entry->ifa_name); // 0: it has just gone
+        if (index == 0 || !entry->ifa_addr || entry->ifa_addr->sa_family != AF_INET || !entry->ifa_netmask)
+            continue;
         auto& own = result[static_cast<AvahiIfIndex>(index)];
-        if (!entry->ifa_addr || entry->ifa_addr->sa_family != AF_INET || !entry->ifa_netmask) continue;
         for (const Address address : all)
             if (((address ^ addressOf(entry->ifa_addr)) & addressOf(entry->ifa_netmask)) == 0)
                 own.insert(address);
@@ -88,13 +88,8 @@ Announcer::Announcer(std::vector<Announcement> announcements) {
     });
     AvahiServerConfig config;
     avahi_server_config_init(&config);
-    config.use_ipv4 = 1;
-    config.use_ipv6 = 0;
-    config.publish_hinfo = 0;
-    config.publish_addresses = 0;
-    config.publish_workstation = 0;
-    config.publish_domain = 0;
-    config.enable_wide_area = 0;
+    config.use_ipv6 = config.enable_wide_area = 0;
+    config.publish_hinfo = config.publish_addresses = config.publish_workstation = config.publish_domain = 0;
     int error = AVAHI_OK;
     server_ = avahi_server_new(avahi_threaded_poll_get(poll_), &config, serverChanged, this, &error);
     avahi_server_config_free(&config);

@@ -19,13 +19,13 @@ namespace tessary::device {
 /// on a host name of the device's own with the given addresses.
 struct Announcement {
     /// At most 63 bytes each, the limit of a DNS label.
-    std::string name;
-    std::string markerName;
+    std::string name{};
+    std::string markerName{};
     /// At least one. Each interface announces those in its own subnet, or all of them if none is.
-    std::vector<IPv4Host> addresses;
+    std::vector<IPv4Host> addresses{};
     std::uint16_t port = 0;
     /// Called with one line for each event: which name was announced at which address, or why none was.
-    std::function<void(const std::string& event)> report;
+    std::function<void(const std::string& event)> report{};
 };
 
 /// One multicast DNS responder on a thread of its own. Several responders can run on one machine.

@@ -48,13 +48,12 @@ struct Device::Socket final : EventLoop::Reader {
         : device(owner)
         , host(address)
         , port(whichPort)
-        , ssrc(port == Port::control ? device.controlSSRC_ : device.dataSSRC_)
         , file(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
         sockaddr_in local{};
         local.sin_family = AF_INET;
         local.sin_addr.s_addr = std::bit_cast<in_addr_t>(host.bytes);
         local.sin_port =
-            htons(static_cast<std::uint16_t>(device.options_.controlPort + (port == Port::data)));
+            htons(static_cast<std::uint16_t>(device.options_.announcement.port + (port == Port::data)));
         if (!file || bind(file.file(), reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0)
             throw std::system_error(errno, std::system_category(), "cannot listen on " + text(local));
         device.loop_.watch(file.file(), *this);
@@ -65,7 +64,6 @@ struct Device::Socket final : EventLoop::Reader {
     Device& device;
     const IPv4Host host;
     const Port port;
-    const std::uint32_t ssrc;
     OpenFile file;
 };
 
@@ -111,15 +109,8 @@ Device::Device(EventLoop& loop, DeviceOptions options)
     , options_(std::move(options))
     , random_(std::random_device{}())
     , controlSSRC_(static_cast<std::uint32_t>(random_()))
-    , dataSSRC_(options_.hasOtherSSRC ? ~controlSSRC_ : controlSSRC_) {}
-
-Device::~Device() = default;
-
-void Device::start() {
-    if (options_.openAfter)
-        after(*options_.openAfter, [this] { openPorts(); });
-    else
-        openPorts();
+    , dataSSRC_(options_.hasOtherSSRC ? ~controlSSRC_ : controlSSRC_) {
+    after(options_.openAfter, [this] { openPorts(); });
     if (options_.closeAfter)
         after(*options_.closeAfter, [this] {
             closePorts();
@@ -127,11 +118,13 @@ void Device::start() {
         });
 }
 
+Device::~Device() = default;
+
 void Device::openPorts() {
-    for (const IPv4Host& address : options_.addresses) {
+    for (const IPv4Host& address : options_.announcement.addresses) {
         for (const Port port : {Port::control, Port::data})
             sockets_.emplace_back(*this, address, port);
-        print("listening on " + address.text() + ":" + std::to_string(options_.controlPort));
+        print("listening on " + address.text() + ":" + std::to_string(options_.announcement.port));
     }
 }
 
@@ -139,6 +132,8 @@ void Device::stop() {
     for (const SessionRef& session : sessions_)
         sendBye(*session);
     closePorts();
+    print("sent " + std::to_string(datagramsSent_) + " datagrams, " + std::to_string(messagesSent_) +
+          " messages");
 }
 
 void Device::closePorts() {
@@ -181,10 +176,11 @@ void Device::invitation(const Remote& from, const AppleMIDIPacket::Invitation& p
         print("rejected " + text(from.address) + " (" + from.portName() + ")" +
               (isControl || session ? "" : ": no control invitation came before"));
         std::erase(sessions_, session);
-        return answer(from, {AppleMIDIPacket::Reject{packet.token, from.socket.ssrc, options_.name}});
+        return answer(from, {AppleMIDIPacket::Reject{packet.token, ssrcOf(from.socket.port),
+                                                     options_.announcement.name}});
     }
-    answer(from,
-           {AppleMIDIPacket::Accept{packet.token + options_.hasWrongToken, from.socket.ssrc, options_.name}});
+    answer(from, {AppleMIDIPacket::Accept{packet.token + options_.hasWrongToken, ssrcOf(from.socket.port),
+                                          options_.announcement.name}});
     if (isControl) {
         const RTPMIDIWriter writer(dataSSRC_, static_cast<std::uint16_t>(random_()));
         sessions_.push_back(std::make_shared<Session>(Session{packet.ssrc, packet.token, from, writer}));
@@ -211,20 +207,20 @@ void Device::bye(const Remote& from, const AppleMIDIPacket::Bye& packet) {
 void Device::clockSync(const Remote& from, const AppleMIDIPacket::ClockSync& packet) {
     const SessionRef session = sessionOf(from, packet.ssrc);
     if (!session || !session->data) return;
-    if (packet.count == 0)
-        answer(from, {AppleMIDIPacket::ClockSync{
-                         .ssrc = dataSSRC_, .count = 1, .t1 = packet.t1, .t2 = timestamp()}});
-    if (packet.count == 1)
-        answer(from,
-               {AppleMIDIPacket::ClockSync{
-                   .ssrc = dataSSRC_, .count = 2, .t1 = packet.t1, .t2 = packet.t2, .t3 = timestamp()}});
+    if (packet.count < 2) {
+        AppleMIDIPacket::ClockSync reply = packet;
+        reply.ssrc = dataSSRC_;
+        reply.count = static_cast<std::uint8_t>(packet.count + 1);
+        (packet.count == 0 ? reply.t2 : reply.t3) = timestamp();
+        answer(from, {reply});
+    }
     if (packet.count == 1 || packet.count == 2) clockCompleted(session, packet.count == 1);
 }
 
 // Sessions
 
 Device::SessionRef Device::sessionOf(const Remote& from, std::uint32_t ssrc) const {
-    const auto found = std::find_if(sessions_.begin(), sessions_.end(), [&](const SessionRef& session) {
+    const auto found = std::ranges::find_if(sessions_, [&](const SessionRef& session) {
         return session->initiatorSSRC == ssrc && session->control.socket.host == from.socket.host &&
                hostOf(session->control.address) == hostOf(from.address);
     });
@@ -323,13 +319,8 @@ std::uint64_t Device::timestamp() const {
     return static_cast<std::uint64_t>(Seconds(Clock::now() - startedAt_).count() * timestampUnitsPerSecond);
 }
 
-void Device::printTotals() const {
-    print("sent " + std::to_string(datagramsSent_) + " datagrams, " + std::to_string(messagesSent_) +
-          " messages");
-}
-
 void Device::print(const std::string& event) const {
-    std::printf("%s\n", escapedControls("[device " + options_.name + "] " + event).c_str());
+    std::printf("%s\n", escapedControls("[device " + options_.announcement.name + "] " + event).c_str());
     std::fflush(stdout);
 }
 

@@ -1,7 +1,7 @@
 // One simulated companion device: the accepting side of RTP-MIDI sessions.
 #pragma once
 
-#include "Models/IPv4Host.h"
+#include "Announcement.h"
 #include "Platform/epoll/EventLoop.h"
 #include "Player.h"
 #include "RTPMIDIWriter.h"
@@ -26,9 +26,7 @@ enum class Port { control, data };
 
 /// What a device is and does. Delays count from the device's start where nothing else is said.
 struct DeviceOptions {
-    std::string name = "Tessary Device";
-    std::vector<IPv4Host> addresses;
-    std::uint16_t controlPort = 5004; // the data port is the next one
+    Announcement announcement{.name = "Tessary Device", .port = 5004}; // the data port is the next one
 
     Play play = Play::scale;
     double rate = 4; // messages a second and session
@@ -44,7 +42,7 @@ struct DeviceOptions {
     std::chrono::milliseconds answerDelay{0};
     bool hasWrongToken = false;
     std::optional<Seconds> byeAfter; // after the session is up
-    std::optional<Seconds> openAfter;
+    Seconds openAfter{0};
     std::optional<Seconds> closeAfter;
     double garbageRate = 0; // datagrams a second and session
     bool hasOtherSSRC = false;
@@ -56,25 +54,21 @@ struct DeviceOptions {
 /// Runs on: the thread of the event loop, all of it.
 class Device {
   public:
-    /// The loop outlives the device, but runs no more when the device has gone.
+    /// The device opens its ports once the loop runs. The loop outlives the device, but runs no more when the
+    /// device has gone.
+    ///
+    /// Errors: the loop's `run` throws `std::system_error` if a port cannot be opened.
     Device(EventLoop& loop, DeviceOptions options);
     ~Device();
     Device(const Device&) = delete;
     Device& operator=(const Device&) = delete;
 
-    /// Opens the ports.
-    ///
-    /// Errors: `std::system_error` if a port cannot be opened. (With `openAfter` the loop's `run` throws it.)
-    void start();
-
     /// Ends every session with a BY on both ports and closes the ports, so that an invitation that arrives
-    /// later is answered with port unreachable.
+    /// later is answered with port unreachable. Prints what was sent in all.
     void stop();
 
     /// Prints one line about the device.
     void print(const std::string& event) const;
-    /// Prints what was sent in all.
-    void printTotals() const;
 
   private:
     using Clock = EventLoop::Clock;
@@ -103,6 +97,7 @@ class Device {
 
     void answer(const Remote& to, const AppleMIDIPacket& packet);
     void after(Seconds delay, std::function<void()> work);
+    std::uint32_t ssrcOf(Port port) const { return port == Port::control ? controlSSRC_ : dataSSRC_; }
     std::uint64_t timestamp() const;
 
     EventLoop& loop_;

@@ -66,20 +66,11 @@ MIDIMessage mixedAt(std::uint64_t i, std::size_t sysexSize) {
 } // namespace
 
 MIDIMessage messageAt(Play play, std::uint64_t i, std::size_t sysexSize) {
-    switch (play) {
-    case Play::scale:
-        return scaleAt(i);
-    case Play::chords:
-        return chordsAt(i);
-    case Play::sweep:
-        return sweepAt(i);
-    case Play::sysex:
-        return sysexAt(i, sysexSize);
-    case Play::mixed:
-        return mixedAt(i, sysexSize);
-    case Play::nothing:
-        break;
-    }
+    if (play == Play::scale) return scaleAt(i);
+    if (play == Play::chords) return chordsAt(i);
+    if (play == Play::sweep) return sweepAt(i);
+    if (play == Play::sysex) return sysexAt(i, sysexSize);
+    if (play == Play::mixed) return mixedAt(i, sysexSize);
     return {};
 }
 

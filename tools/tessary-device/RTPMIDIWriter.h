@@ -37,13 +37,10 @@ class RTPMIDIWriter {
     void write(std::span<const MIDIMessage> messages, std::uint32_t timestamp, const Send& send);
 
   private:
-    void flush(std::uint32_t timestamp, const Send& send);
-    void writeSegments(const MIDIMessage& sysex, std::uint32_t timestamp, const Send& send);
+    std::vector<std::uint8_t> datagram(std::span<const std::uint8_t> list, std::uint32_t timestamp);
 
     std::uint32_t ssrc_;
     std::uint16_t sequenceNumber_;
-    std::vector<std::uint8_t> list_;
-    std::vector<std::uint8_t> datagram_;
 };
 
 } // namespace tessary::device
