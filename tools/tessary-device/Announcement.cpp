@@ -3,8 +3,8 @@
 #include <avahi-common/alternative.h>
 #include <avahi-common/error.h>
 #include <avahi-common/malloc.h>
-#include <avahi-core/core.h>
 #include <avahi-core/log.h>
+#include <avahi-core/publish.h>
 
 #include <algorithm>
 #include <bit>
@@ -67,7 +67,7 @@ std::string takeText(char* text) {
 
 } // namespace
 
-struct Announcer::Entry {
+struct AnnouncedDevice {
     void publish(AvahiServer* server);
     int addRecords(AvahiServer* server) const;
     void rename();
@@ -80,9 +80,35 @@ struct Announcer::Entry {
     AvahiSEntryGroup* group = nullptr;
 };
 
+namespace {
+
+void serverChanged(AvahiServer* server, AvahiServerState state, void* devices) {
+    for (AnnouncedDevice& device : *static_cast<std::list<AnnouncedDevice>*>(devices)) {
+        if (state == AVAHI_SERVER_RUNNING && !device.group) device.publish(server);
+        if (state == AVAHI_SERVER_FAILURE) device.fail(avahi_server_errno(server));
+    }
+}
+
+void groupChanged(AvahiServer* server, AvahiSEntryGroup* group, AvahiEntryGroupState state, void* user) {
+    auto& device = *static_cast<AnnouncedDevice*>(user);
+    const Announcement& announcement = device.announcement;
+    device.group = group;
+    if (state == AVAHI_ENTRY_GROUP_ESTABLISHED)
+        for (const IPv4Host& address : announcement.addresses)
+            announcement.report("announced " + announcement.name + " at " + address.text() + ":" +
+                                std::to_string(announcement.port));
+    if (state == AVAHI_ENTRY_GROUP_FAILURE) device.fail(avahi_server_errno(server));
+    if (state == AVAHI_ENTRY_GROUP_COLLISION) {
+        device.rename();
+        device.publish(server);
+    }
+}
+
+} // namespace
+
 Announcer::Announcer(std::vector<Announcement> announcements) {
     for (Announcement& announcement : announcements)
-        entries_.push_back(Entry{std::move(announcement)});
+        devices_.push_back(AnnouncedDevice{std::move(announcement)});
     avahi_set_log_function([](AvahiLogLevel level, const char* text) {
         if (level == AVAHI_LOG_ERROR) std::fprintf(stderr, "tessary-device: %s\n", text);
     });
@@ -91,11 +117,11 @@ Announcer::Announcer(std::vector<Announcement> announcements) {
     config.use_ipv6 = config.enable_wide_area = 0;
     config.publish_hinfo = config.publish_addresses = config.publish_workstation = config.publish_domain = 0;
     int error = AVAHI_OK;
-    server_ = avahi_server_new(avahi_threaded_poll_get(poll_), &config, serverChanged, this, &error);
+    server_ = avahi_server_new(avahi_threaded_poll_get(poll_), &config, serverChanged, &devices_, &error);
     avahi_server_config_free(&config);
     if (!server_)
-        for (const Entry& entry : entries_)
-            entry.fail(error);
+        for (const AnnouncedDevice& device : devices_)
+            device.fail(error);
     avahi_threaded_poll_start(poll_);
 }
 
@@ -105,30 +131,7 @@ Announcer::~Announcer() {
     avahi_threaded_poll_free(poll_);
 }
 
-void Announcer::serverChanged(AvahiServer* server, AvahiServerState state, void* announcer) {
-    for (Entry& entry : static_cast<Announcer*>(announcer)->entries_) {
-        if (state == AVAHI_SERVER_RUNNING && !entry.group) entry.publish(server);
-        if (state == AVAHI_SERVER_FAILURE) entry.fail(avahi_server_errno(server));
-    }
-}
-
-void Announcer::groupChanged(AvahiServer* server, AvahiSEntryGroup* group, AvahiEntryGroupState state,
-                             void* entry) {
-    auto& self = *static_cast<Entry*>(entry);
-    const Announcement& announcement = self.announcement;
-    self.group = group;
-    if (state == AVAHI_ENTRY_GROUP_ESTABLISHED)
-        for (const IPv4Host& address : announcement.addresses)
-            announcement.report("announced " + announcement.name + " at " + address.text() + ":" +
-                                std::to_string(announcement.port));
-    if (state == AVAHI_ENTRY_GROUP_FAILURE) self.fail(avahi_server_errno(server));
-    if (state == AVAHI_ENTRY_GROUP_COLLISION) {
-        self.rename();
-        self.publish(server);
-    }
-}
-
-void Announcer::Entry::publish(AvahiServer* server) {
+void AnnouncedDevice::publish(AvahiServer* server) {
     if (!group) group = avahi_s_entry_group_new(server, groupChanged, this);
     int result = group ? addRecords(server) : avahi_server_errno(server);
     while (result == AVAHI_ERR_COLLISION) { // with another announcement of this process
@@ -139,7 +142,7 @@ void Announcer::Entry::publish(AvahiServer* server) {
     if (result != AVAHI_OK) fail(result);
 }
 
-int Announcer::Entry::addRecords(AvahiServer* server) const {
+int AnnouncedDevice::addRecords(AvahiServer* server) const {
     avahi_s_entry_group_reset(group);
     const std::string hostName = host + ".local";
     int result = AVAHI_OK;
@@ -165,7 +168,7 @@ int Announcer::Entry::addRecords(AvahiServer* server) const {
 }
 
 /// Avahi does not say which of the names was taken, so all get the next number.
-void Announcer::Entry::rename() {
+void AnnouncedDevice::rename() {
     for (std::string* name : {&announcement.name, &announcement.markerName})
         if (!name->empty()) *name = takeText(avahi_alternative_service_name(name->c_str()));
     host = takeText(avahi_alternative_host_name(host.c_str()));

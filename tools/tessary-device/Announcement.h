@@ -5,7 +5,7 @@
 #include "Models/IPv4Host.h"
 
 #include <avahi-common/thread-watch.h>
-#include <avahi-core/publish.h>
+#include <avahi-core/core.h>
 
 #include <cstdint>
 #include <functional>
@@ -28,6 +28,8 @@ struct Announcement {
     std::function<void(const std::string& event)> report{};
 };
 
+struct AnnouncedDevice;
+
 /// One multicast DNS responder on a thread of its own. Several responders can run on one machine.
 class Announcer {
   public:
@@ -43,15 +45,9 @@ class Announcer {
     Announcer& operator=(const Announcer&) = delete;
 
   private:
-    struct Entry;
-
-    static void serverChanged(AvahiServer* server, AvahiServerState state, void* announcer);
-    static void groupChanged(AvahiServer* server, AvahiSEntryGroup* group, AvahiEntryGroupState state,
-                             void* entry);
-
     AvahiThreadedPoll* const poll_ = avahi_threaded_poll_new();
     AvahiServer* server_ = nullptr;
-    std::list<Entry> entries_; ///< a list, because Avahi holds pointers to its elements
+    std::list<AnnouncedDevice> devices_; ///< a list, because Avahi holds pointers to its elements
 };
 
 } // namespace tessary::device

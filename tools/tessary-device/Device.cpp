@@ -25,12 +25,6 @@ constexpr Seconds clockInterval{10};
 /// How many datagrams a late wake-up catches up with before other sockets and timers are served.
 constexpr int maxBurst = 256;
 
-constexpr double timestampUnitsPerSecond = 10'000.0;
-
-EventLoop::Clock::duration ticks(Seconds time) {
-    return std::chrono::duration_cast<EventLoop::Clock::duration>(time);
-}
-
 IPv4Host hostOf(const sockaddr_in& address) {
     return {std::bit_cast<decltype(IPv4Host::bytes)>(address.sin_addr.s_addr)};
 }
@@ -111,11 +105,10 @@ Device::Device(EventLoop& loop, DeviceOptions options)
     , controlSSRC_(static_cast<std::uint32_t>(random_()))
     , dataSSRC_(options_.hasOtherSSRC ? ~controlSSRC_ : controlSSRC_) {
     after(options_.openAfter, [this] { openPorts(); });
-    if (options_.closeAfter)
-        after(*options_.closeAfter, [this] {
-            closePorts();
-            print("ports closed");
-        });
+    after(options_.closeAfter, [this] {
+        closePorts();
+        print("ports closed");
+    });
 }
 
 Device::~Device() = default;
@@ -155,17 +148,11 @@ void Device::Socket::readable() {
 
 void Device::received(const Remote& from, std::span<const std::uint8_t> datagram) {
     if (options_.isSilent) return;
-    const auto packet = AppleMIDIPacket::decode(datagram);
-    if (!packet) return;
-    if (const auto* invited = std::get_if<AppleMIDIPacket::Invitation>(&packet->value))
-        invitation(from, *invited);
-    else if (const auto* end = std::get_if<AppleMIDIPacket::Bye>(&packet->value))
-        bye(from, *end);
-    else if (const auto* clock = std::get_if<AppleMIDIPacket::ClockSync>(&packet->value))
-        if (from.socket.port == Port::data) clockSync(from, *clock);
+    if (const auto packet = AppleMIDIPacket::decode(datagram))
+        std::visit([&](const auto& value) { handle(from, value); }, packet->value);
 }
 
-void Device::invitation(const Remote& from, const AppleMIDIPacket::Invitation& packet) {
+void Device::handle(const Remote& from, const AppleMIDIPacket::Invitation& packet) {
     const bool isControl = from.socket.port == Port::control;
     print(from.portName() + " invitation from " + text(from.address) +
           " token=" + std::to_string(packet.token) + (isControl ? " name=\"" + packet.name + "\"" : ""));
@@ -195,7 +182,7 @@ void Device::invitation(const Remote& from, const AppleMIDIPacket::Invitation& p
         keepSending(session, {options_.garbageRate, [this](Session& to) { return sendGarbage(to); }});
 }
 
-void Device::bye(const Remote& from, const AppleMIDIPacket::Bye& packet) {
+void Device::handle(const Remote& from, const AppleMIDIPacket::Bye& packet) {
     const SessionRef session = sessionOf(from, packet.ssrc);
     // The second BY of a session finds none, or a new one that it does not end. Token 0 ends any.
     const bool isMeant = session && (packet.token == 0 || packet.token == session->controlToken ||
@@ -204,9 +191,9 @@ void Device::bye(const Remote& from, const AppleMIDIPacket::Bye& packet) {
     if (isMeant) std::erase(sessions_, session);
 }
 
-void Device::clockSync(const Remote& from, const AppleMIDIPacket::ClockSync& packet) {
+void Device::handle(const Remote& from, const AppleMIDIPacket::ClockSync& packet) {
     const SessionRef session = sessionOf(from, packet.ssrc);
-    if (!session || !session->data) return;
+    if (!session || !session->data || from.socket.port != Port::data) return;
     if (packet.count < 2) {
         AppleMIDIPacket::ClockSync reply = packet;
         reply.ssrc = dataSSRC_;
@@ -245,12 +232,11 @@ void Device::clockCompleted(const SessionRef& session, bool startedHere) {
     if (session->isRunning || (options_.waitsForClock && !startedHere)) return;
     session->isRunning = true;
     print("running with " + session->control.ip());
-    if (options_.byeAfter)
-        after(*options_.byeAfter, [this, weak = WeakSession(session)] {
-            const SessionRef ending = weak.lock();
-            if (ending) sendBye(*ending);
-            std::erase(sessions_, ending);
-        });
+    after(options_.byeAfter, [this, weak = WeakSession(session)] {
+        const SessionRef ending = weak.lock();
+        if (ending) sendBye(*ending);
+        std::erase(sessions_, ending);
+    });
     if (options_.play != Play::nothing)
         keepSending(session, {options_.rate / static_cast<double>(options_.messagesPerDatagram),
                               [this](Session& to) { return playNextDatagram(to); }});
@@ -264,8 +250,7 @@ void Device::keepSending(const WeakSession& weak, Stream stream) {
     for (int burst = 0; burst < maxBurst && stream.due() <= Clock::now(); ++burst, ++stream.sent)
         if (!stream.sendOne(*session)) return;
     // At a time in the past the loop would serve this timer again before any socket.
-    const auto next = std::max(stream.due(), Clock::now());
-    loop_.at(next,
+    loop_.at(std::max(stream.due(), Clock::now()),
              [this, weak, stream = std::move(stream)]() mutable { keepSending(weak, std::move(stream)); });
 }
 
@@ -293,8 +278,7 @@ bool Device::playNextDatagram(Session& session) {
 /// Returns true: there is no end.
 bool Device::sendGarbage(const Session& session) {
     std::vector<std::uint8_t> datagram(random_() % 300);
-    for (auto& byte : datagram)
-        byte = static_cast<std::uint8_t>(random_());
+    std::ranges::generate(datagram, [this] { return static_cast<std::uint8_t>(random_()); });
     // A third each: noise, the beginning of a session packet, the beginning of RTP-MIDI.
     const auto kind = random_() % 3;
     if (kind > 0 && datagram.size() >= 3) {
@@ -311,12 +295,12 @@ void Device::answer(const Remote& to, const AppleMIDIPacket& packet) {
     after(options_.answerDelay, [to, packet] { to.send(packet.encode()); });
 }
 
-void Device::after(Seconds delay, std::function<void()> work) {
-    loop_.at(Clock::now() + ticks(delay), std::move(work));
+void Device::after(std::optional<Seconds> delay, std::function<void()> work) {
+    if (delay) loop_.at(Clock::now() + ticks(*delay), std::move(work));
 }
 
 std::uint64_t Device::timestamp() const {
-    return static_cast<std::uint64_t>(Seconds(Clock::now() - startedAt_).count() * timestampUnitsPerSecond);
+    return static_cast<std::uint64_t>((Clock::now() - startedAt_) / std::chrono::microseconds(100));
 }
 
 void Device::print(const std::string& event) const {

@@ -22,6 +22,10 @@ namespace tessary::device {
 
 using Seconds = std::chrono::duration<double>;
 
+inline EventLoop::Clock::duration ticks(Seconds time) {
+    return std::chrono::duration_cast<EventLoop::Clock::duration>(time);
+}
+
 enum class Port { control, data };
 
 /// What a device is and does. Delays count from the device's start where nothing else is said.
@@ -83,9 +87,12 @@ class Device {
     void closePorts();
 
     void received(const Remote& from, std::span<const std::uint8_t> datagram);
-    void invitation(const Remote& from, const AppleMIDIPacket::Invitation& packet);
-    void bye(const Remote& from, const AppleMIDIPacket::Bye& packet);
-    void clockSync(const Remote& from, const AppleMIDIPacket::ClockSync& packet);
+    void handle(const Remote& from, const AppleMIDIPacket::Invitation& packet);
+    void handle(const Remote& from, const AppleMIDIPacket::Bye& packet);
+    void handle(const Remote& from, const AppleMIDIPacket::ClockSync& packet);
+    /// Answers to invitations, which this side never sends.
+    template <typename Other>
+    void handle(const Remote&, const Other&) {}
 
     SessionRef sessionOf(const Remote& from, std::uint32_t ssrc) const;
     void sendBye(const Session& session);
@@ -96,9 +103,9 @@ class Device {
     bool sendGarbage(const Session& session);
 
     void answer(const Remote& to, const AppleMIDIPacket& packet);
-    void after(Seconds delay, std::function<void()> work);
+    void after(std::optional<Seconds> delay, std::function<void()> work); ///< absent: never
     std::uint32_t ssrcOf(Port port) const { return port == Port::control ? controlSSRC_ : dataSSRC_; }
-    std::uint64_t timestamp() const;
+    std::uint64_t timestamp() const; ///< in units of 100 microseconds
 
     EventLoop& loop_;
     const DeviceOptions options_;

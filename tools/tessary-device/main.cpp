@@ -9,7 +9,6 @@
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
 
-#include <algorithm>
 #include <arpa/inet.h>
 #include <array>
 #include <bit>
@@ -33,21 +32,9 @@ const std::map<std::string, Play> tunes{{"scale", Play::scale}, {"chords", Play:
 const std::map<std::string, Port> ports{{"control", Port::control}, {"data", Port::data}};
 
 constexpr const char* description =
-    R"(Simulates one or many companion devices: announces them by multicast DNS, accepts the RTP-MIDI
-sessions of any number of initiators, and plays to each session once its clock exchange has
-completed. Prints one line for each event. The manual page, tessary-device(1), says more.
+    R"(Simulates companion devices: announces them by multicast DNS, accepts RTP-MIDI sessions, and plays
+to each session once its clock exchange has completed. tessary-device(1) says more.
 )";
-
-/// In place of CLI11's range, which accepts NaN.
-CLI::Validator isNumber(double least, double most) {
-    const auto problem = [least, most](const std::string& value) -> std::string {
-        double number{};
-        if (CLI::detail::lexical_cast(value, number) && number >= least && number <= most) return {};
-        return value + " is no number from " + CLI::detail::to_string(least) + " to " +
-               CLI::detail::to_string(most);
-    };
-    return {problem, ""};
-}
 
 /// What the command line asks for.
 struct CommandLine {
@@ -73,9 +60,12 @@ void addOptions(CLI::App& app, CommandLine& line) {
         "");
     const CLI::Validator isTune = CLI::IsMember(tunes) & CLI::Transformer(tunes);
     const CLI::Validator isPort = CLI::IsMember(ports) & CLI::Transformer(ports);
-    const CLI::Validator isSysexSize = isNumber(minSysexSize, 1'000'000);
+    const CLI::Range isSysexSize(minSysexSize, std::size_t{1'000'000});
+    const CLI::Range isCount(std::uint64_t{0}, std::uint64_t{1'000'000'000'000});
+    const CLI::Validator isReal( // CLI11's ranges accept NaN
+        [](const std::string& text) { return text.find_first_of("nN") == text.npos ? "" : "no number"; }, "");
     // More seconds than these (three years) could overflow the clock's type.
-    const CLI::Validator isTime = isNumber(0, 1e8);
+    const CLI::Validator isTime = CLI::Range(0.0, 1e8) & isReal;
 
     app.option_defaults()->group("Identity");
     add("--name", announcement.name, any, "NAME", "name of the device (default \"Tessary Device\")");
@@ -84,27 +74,28 @@ void addOptions(CLI::App& app, CommandLine& line) {
     add("--address", line.addresses, isHost, "A.B.C.D",
         "address to listen on and to announce; can be repeated")
         ->allow_extra_args(false);
-    add("--port", announcement.port, isNumber(1, 65534), "P", "control port (default 5004); data: the next");
-    add("--count", line.count, isNumber(1, 4096), "N", "N devices, at consecutive addresses (default 1)");
+    add("--port", announcement.port, CLI::Range(1, 65534), "P",
+        "control port (default 5004); data: the next");
+    add("--count", line.count, CLI::Range(1, 4096), "N", "N devices, at consecutive addresses (default 1)");
     app.add_flag("--no-marker", line.hasNoMarker, "announce no marker service (_tessarylink._tcp)");
     app.add_flag("--no-announce", line.isNotAnnounced, "announce nothing");
 
     app.option_defaults()->group("What it plays");
     add("--play", device.play, isTune, "TUNE", "scale (default), chords, sweep, sysex, mixed or nothing");
-    add("--rate", device.rate, isNumber(0.001, 100'000), "R", "messages a second, up to 100000 (default 4)");
-    add("--per-datagram", device.messagesPerDatagram, isNumber(1, 1000), "N",
+    add("--rate", device.rate, CLI::Range(0.001, 1e5) & isReal, "R",
+        "messages a second, up to 100000 (default 4)");
+    add("--per-datagram", device.messagesPerDatagram, CLI::Range(1, 1000), "N",
         "messages a datagram (default 1)");
-    add("--messages", device.messages, isNumber(0, 1e12), "N",
-        "stop after N to a session (default 0: never)");
+    add("--messages", device.messages, isCount, "N", "stop after N to a session (default 0: never)");
     add("--sysex-size", device.sysexSize, isSysexSize, "BYTES", "with F0 and F7 (default 256)");
-    add("--channel", device.channel, isNumber(1, 16), "N", "MIDI channel of what it plays (default 1)");
+    add("--channel", device.channel, CLI::Range(1, 16), "N", "MIDI channel of what it plays (default 1)");
     app.add_flag("--clock", device.startsClock, "start clock exchanges too, every 10 s");
     app.add_flag("--wait-for-clock", device.waitsForClock, "play once such an exchange was answered");
 
     app.option_defaults()->group("How it misbehaves (SECONDS count from the start unless said otherwise)");
     add("--reject", device.rejects, isPort, "PORT", "reject the invitations to one port: control or data");
     app.add_flag("--silent", device.isSilent, "never answer anything");
-    add("--answer-delay", device.answerDelay, isNumber(0, 3'600'000), "MS",
+    add("--answer-delay", device.answerDelay, CLI::Range(0, 3'600'000), "MS",
         "answer so many milliseconds late");
     app.add_flag("--wrong-token", device.hasWrongToken, "accept invitations with a token that is not theirs");
     add("--bye-after", device.byeAfter, isTime, "SECONDS", "end a session that has run that long");
@@ -112,7 +103,7 @@ void addOptions(CLI::App& app, CommandLine& line) {
         "announce at once, but open the ports that late");
     add("--close-after", device.closeAfter, isTime, "SECONDS", "close the ports without a BY");
     add("--withdraw-after", line.withdrawAfter, isTime, "SECONDS", "withdraw the announcement, nothing else");
-    add("--garbage", device.garbageRate, isNumber(0, 100'000), "R",
+    add("--garbage", device.garbageRate, CLI::Range(0.0, 1e5) & isReal, "R",
         "send each session R random datagrams a second");
     app.add_flag("--other-ssrc", device.hasOtherSSRC, "use different SSRCs on the control and the data port");
 }
@@ -127,12 +118,9 @@ void complete(CommandLine& line) {
         addresses.push_back(*IPv4Host::parse(text));
     if (line.count > 1 && addresses.size() > 1)
         throw CLI::ValidationError("--count", "goes with one --address only");
-    if (addresses.empty()) {
-        const auto own = ownAddresses();
-        const auto first =
-            std::ranges::find_if(own, [](const IPv4Host& host) { return host.bytes[0] != 127; });
-        addresses.push_back(first == own.end() ? IPv4Host{{127, 0, 0, 1}} : *first);
-    }
+    for (const IPv4Host& host : ownAddresses())
+        if (addresses.empty() && host.bytes[0] != 127) addresses.push_back(host);
+    if (addresses.empty()) addresses.push_back(IPv4Host{{127, 0, 0, 1}});
     if (markerName.empty()) markerName = name;
     const std::size_t maxSize = 63 - (line.count > 1 ? 1 + std::to_string(line.count).size() : 0);
     for (const std::string& each : {name, markerName})
@@ -145,13 +133,10 @@ void complete(CommandLine& line) {
             (device.messagesPerDatagram + notesPerChord - 1) / notesPerChord * notesPerChord;
 }
 
-EventLoop* runningLoop = nullptr;
-
 void run(const CommandLine& line) {
-    EventLoop loop;
-    runningLoop = &loop;
+    static EventLoop loop; // until the process ends, because a signal may come after the devices have gone
     for (const int number : {SIGINT, SIGTERM, SIGHUP})
-        std::signal(number, [](int) { runningLoop->stop(); });
+        std::signal(number, [](int) { loop.stop(); });
 
     std::list<Device> devices;
     std::vector<Announcement> announcements;
@@ -167,21 +152,19 @@ void run(const CommandLine& line) {
         }
         Device& device = devices.emplace_back(loop, options);
         // Reports come on the announcer's thread.
-        announcement.report = [&loop, &device](const std::string& event) {
+        announcement.report = [&device](const std::string& event) {
             loop.post([&device, event] { device.print(event); });
         };
         announcements.push_back(announcement);
     }
     std::optional<Announcer> announcer;
     if (!line.isNotAnnounced) announcer.emplace(std::move(announcements));
-    if (line.withdrawAfter)
-        loop.at(EventLoop::Clock::now() +
-                    std::chrono::duration_cast<EventLoop::Clock::duration>(*line.withdrawAfter),
-                [&] {
-                    announcer.reset();
-                    for (const Device& device : devices)
-                        device.print("announcement withdrawn");
-                });
+    const auto withdraw = [&] {
+        announcer.reset();
+        for (const Device& device : devices)
+            device.print("announcement withdrawn");
+    };
+    if (line.withdrawAfter) loop.at(EventLoop::Clock::now() + ticks(*line.withdrawAfter), withdraw);
     loop.run();
 
     for (Device& device : devices)

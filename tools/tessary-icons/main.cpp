@@ -26,10 +26,6 @@ constexpr double tileRadius = 4.0;
 constexpr double tilePadding = 3.2; // from the tile's edge to the drawing's
 const QString tileColor = QStringLiteral("#1c5d83");
 
-QString number(double value) {
-    return QString::number(value, 'g', 6);
-}
-
 /// SVG path data of the drawing.
 QString pathData(const Image& image) {
     const QPainterPath path = outline(image);
@@ -37,7 +33,8 @@ QString pathData(const Image& image) {
     for (int i = 0; i < path.elementCount(); ++i) {
         const QPainterPath::Element point = path.elementAt(i);
         constexpr std::array commands{'M', 'L', 'C', ' '}; // by ElementType
-        data += QLatin1Char(commands[point.type]) + number(point.x) + QLatin1Char(' ') + number(point.y);
+        data += QLatin1Char(commands[point.type]) + QString::number(point.x) + QLatin1Char(' ') +
+                QString::number(point.y);
     }
     return data;
 }
@@ -50,7 +47,7 @@ QByteArray symbolicSVG(const Image& image) {
   <path class="ColorScheme-Text" fill="currentColor" fill-rule="evenodd" d="%3"/>
 </svg>
 )svg")
-        .arg(number(image.width), number(image.height), pathData(image))
+        .arg(QString::number(image.width), QString::number(image.height), pathData(image))
         .toUtf8();
 }
 
@@ -63,8 +60,9 @@ QByteArray applicationSVG(const Image& image) {
   <path transform="translate(%7 %7) scale(%8)" fill="#ffffff" fill-rule="evenodd" d="%9"/>
 </svg>
 )svg")
-        .arg(number(image.width), number(image.height), number(tileMargin), number(tile), number(tileRadius),
-             tileColor, number(tileMargin + tilePadding), number(scale), pathData(image))
+        .arg(QString::number(image.width), QString::number(image.height), QString::number(tileMargin),
+             QString::number(tile), QString::number(tileRadius), tileColor,
+             QString::number(tileMargin + tilePadding), QString::number(scale), pathData(image))
         .toUtf8();
 }
 

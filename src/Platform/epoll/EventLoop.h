@@ -47,7 +47,7 @@ class EventLoop {
     /// Readable while something is ready, for a loop around this one.
     int file() const { return epoll_.file(); }
 
-    /// Runs on: any thread.
+    /// Runs on: any thread, or in a signal handler.
     void stop();
 
     /// Runs `work` on the loop's thread, never inside this call.
