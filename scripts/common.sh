@@ -9,8 +9,9 @@ fail() {
     exit 1
 }
 
-build_packages=(g++ cmake dpkg-dev ninja-build pkg-config python3 libasio-dev libasound2-dev
-    libavahi-client-dev libavahi-core-dev libglib2.0-dev libjack-jackd2-dev libseccomp-dev libsystemd-dev libxcb1-dev qt6-base-dev libgtest-dev)
+build_packages=(g++ cmake dpkg-dev file ninja-build pkg-config python3 libasound2-dev
+    libavahi-client-dev libavahi-core-dev libcli11-dev libglib2.0-dev libjack-jackd2-dev libseccomp-dev libsystemd-dev libxcb1-dev
+    qt6-base-dev libgtest-dev)
 
 # Installs the named Debian packages that are missing. Needs neither root nor apt-get if none is missing.
 install_packages() {

@@ -1,6 +1,7 @@
 // Builds the platform and runs the application: the only place that chooses implementations.
 
 #include "AppDelegate.h"
+#include "Models/UTF8.h"
 #include "Platform/alsa/AlsaOutput.h"
 #include "Platform/discovery/DiscoveryClient.h"
 #include "Platform/jack/JackOutput.h"
@@ -24,6 +25,8 @@
 #include <exception>
 #include <filesystem>
 #include <memory>
+#include <optional>
+#include <string_view>
 #include <system_error>
 #include <unistd.h>
 #include <vector>
@@ -99,11 +102,31 @@ int runApplication(char* programName) {
     return status;
 }
 
+constexpr const char* help = R"(Usage: tessary-link [OPTION]
+
+Publishes the MIDI of every Tessary device on the local network. Its menu is in the panel.
+
+  --help     print this and exit
+  --version  print the version and exit
+)";
+
+/// Answers the first argument and returns the exit status. Absent without arguments: the program shall run.
+std::optional<int> answerArgument(const char* argument) {
+    if (!argument) return std::nullopt;
+    const std::string_view option = argument;
+    if (option == "--help") return std::fputs(help, stdout), EXIT_SUCCESS;
+    if (option == "--version") return std::puts("tessary-link " TESSARY_VERSION), EXIT_SUCCESS;
+    std::fprintf(stderr, "tessary-link: unexpected argument \"%s\" (--help explains)\n",
+                 escapedControls(option).c_str());
+    return 2;
+}
+
 } // namespace
 
 } // namespace tessary
 
 int main(int, char** argv) {
+    if (const auto status = tessary::answerArgument(argv[0] ? argv[1] : nullptr)) return *status;
     try {
         const int status = tessary::runApplication(argv[0]);
         if (!tessary::isSanitized) _exit(status);

@@ -1,5 +1,7 @@
-"""What the compiler and the linker were asked to do against whoever finds a fault in the program."""
+"""The binaries on their own: their hardening, and the options of the command line."""
+import os
 import subprocess
+import tempfile
 import unittest
 
 from lab.programs import BUILD, DEVICE, DISCOVERY, IS_SANITIZED, PROGRAM
@@ -33,6 +35,24 @@ class Hardening(unittest.TestCase):
                     self.assertRegex(symbols, r"UND __(read|recv|memcpy|poll|snprintf|vsnprintf|fprintf|memset)_chk\b",
                                      "fortified functions")
                 self.assertRegex(readelf(binary, "--syms"), r"\b_ZSt21__glibcxx_assert_fail", "checked containers")
+
+
+class Options(unittest.TestCase):
+    def test_tessary_link(self):
+        for arguments, status, output, error in (
+                (["--help"], 0, r"Usage: tessary-link.*--help.*--version.*", ""),
+                (["--version"], 0, r"tessary-link \d+\.\d+\.\d+\n", ""),
+                (["--versio"], 2, "", r'tessary-link: .*"--versio".*\n'),
+                (["-platform", "offscreen"], 2, "", r'tessary-link: .*"-platform".*\n'),
+                (["a\nb"], 2, "", r'tessary-link: .*"a\\nb".*\n'),
+                ([""], 2, "", r'tessary-link: .*"".*\n')):
+            with self.subTest(arguments), tempfile.TemporaryDirectory() as folder:
+                ended = subprocess.run([PROGRAM, *arguments], capture_output=True, text=True, timeout=10,
+                                       env={"HOME": folder, "XDG_RUNTIME_DIR": folder})
+                self.assertEqual(ended.returncode, status)
+                self.assertRegex(ended.stdout, f"(?s)^{output}$")
+                self.assertRegex(ended.stderr, f"^{error}$")
+                self.assertEqual(os.listdir(folder), [], "nothing was begun, not even the lock")
 
 
 if __name__ == "__main__":

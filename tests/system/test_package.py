@@ -9,7 +9,7 @@ import subprocess
 import unittest
 
 from lab.processes import Process, environment
-from lab.programs import BUILD, ROOT, SystemTest
+from lab.programs import BUILD, DEVICE, PROGRAM, ROOT, SystemTest
 
 TOOLS = ("apt-get", "appstreamcli", "debootstrap", "desktop-file-validate", "dpkg-shlibdeps", "lintian")
 # Kept between runs: the bare system, and what was downloaded to install the package on it.
@@ -155,10 +155,10 @@ class Package(SystemTest):
             self.assertIn(f".Dd {date}", page)
 
     def test_manual_page_has_every_option(self):
-        page = gzip.decompress((self.content / "usr/share/man/man1/tessary-device.1.gz").read_bytes()).decode()
-        helped = run(BUILD / "tools/tessary-device/tessary-device", "--help").split("Examples")[0]
-        told = re.findall(r"^\.It Fl -(\S+)", page, re.M)
-        self.assertEqual(sorted(told), sorted(re.findall(r"^  --(\S+)", helped, re.M)))
+        for program in (PROGRAM, DEVICE):
+            page = gzip.decompress((self.content / f"usr/share/man/man1/{program.name}.1.gz").read_bytes()).decode()
+            told = re.findall(r"^\.It Fl -(\S+)", page, re.M)
+            self.assertEqual(sorted(told), sorted(re.findall(r"^  --(\S+)", run(program, "--help"), re.M)))
 
     def test_on_a_clean_system(self):
         desk, stage = self.network.host("10.77.0.1/24"), self.network.host("10.77.0.2/24")

@@ -3,309 +3,259 @@
 #include "Models/UTF8.h"
 
 #include <algorithm>
+#include <array>
+#include <bit>
+#include <cerrno>
 #include <cstdio>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <system_error>
 #include <utility>
 
 namespace tessary::device {
 
 namespace {
 
-/// Invitations are free for anybody; more sessions than these are refused.
-constexpr std::size_t mostSessions = 64;
+/// Anybody can invite; invitations beyond this are rejected.
+constexpr std::size_t maxSessions = 64;
 
-/// How often a device that starts clock exchanges does so.
+/// The interval of the clock exchanges that the device starts.
 constexpr Seconds clockInterval{10};
 
-/// How many datagrams a late wake-up catches up with before others have their turn.
-constexpr int longestBurst = 256;
+/// How many datagrams a late wake-up catches up with before other sockets and timers are served.
+constexpr int maxBurst = 256;
 
-constexpr double timestampUnitsPerSecond = 10'000.0;
-
-std::string text(const asio::ip::udp::endpoint& endpoint) {
-    return endpoint.address().to_string() + ":" + std::to_string(endpoint.port());
+IPv4Host hostOf(const sockaddr_in& address) {
+    return {std::bit_cast<decltype(IPv4Host::bytes)>(address.sin_addr.s_addr)};
 }
 
-std::string ipOf(const asio::ip::udp::endpoint& endpoint) {
-    return endpoint.address().to_string();
+std::string text(const sockaddr_in& address) {
+    return hostOf(address).text() + ":" + std::to_string(ntohs(address.sin_port));
 }
 
 } // namespace
 
-/// One address of the device.
-struct Device::Link {
-    struct Socket {
-        UDP::socket socket;
-        UDP::endpoint from{};
-        std::array<std::uint8_t, 2048> buffer{};
-    };
+/// One port of one of the device's addresses.
+struct Device::Socket final : EventLoop::Reader {
+    /// Errors: throws std::system_error.
+    Socket(Device& owner, IPv4Host address, Port whichPort)
+        : device(owner)
+        , host(address)
+        , port(whichPort)
+        , file(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in local{};
+        local.sin_family = AF_INET;
+        local.sin_addr.s_addr = std::bit_cast<in_addr_t>(host.bytes);
+        local.sin_port =
+            htons(static_cast<std::uint16_t>(device.options_.announcement.port + (port == Port::data)));
+        if (!file || bind(file.file(), reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0)
+            throw std::system_error(errno, std::system_category(), "cannot listen on " + text(local));
+        device.loop_.watch(file.file(), *this);
+    }
 
-    Socket& operator[](Port port) { return port == Port::control ? control : data; }
+    void readable() override;
 
-    IPv4Host address;
-    Socket control;
-    Socket data;
+    Device& device;
+    const IPv4Host host;
+    const Port port;
+    OpenFile file;
+};
+
+/// An initiator's port, and the socket of ours that it sends to.
+struct Device::Remote {
+    void send(std::span<const std::uint8_t> datagram) const {
+        // An error is a lost datagram, which the receiver has to handle anyway.
+        sendto(socket.file.file(), datagram.data(), datagram.size(), 0,
+               reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    }
+    std::string ip() const { return hostOf(address).text(); }
+    std::string portName() const { return socket.port == Port::control ? "control" : "data"; }
+
+    Socket& socket;
+    sockaddr_in address;
 };
 
 struct Device::Session {
-    Link& link;
     std::uint32_t initiatorSSRC;
     std::uint32_t controlToken;
-    UDP::endpoint control;
+    Remote control;
     RTPMIDIWriter writer;
-    asio::steady_timer playTimer;
-    asio::steady_timer byeTimer;
-    asio::steady_timer clockTimer;
-    asio::steady_timer garbageTimer;
 
     std::uint32_t dataToken = 0;
-    std::optional<UDP::endpoint> data{}; // once invited there
-    bool running = false;
-    bool ended = false;
-    Clock::time_point playingSince{};
+    std::optional<Remote> data{}; // once it has invited there
+    bool isRunning = false;
     std::uint64_t nextMessage = 0;
 };
 
-Device::Device(asio::io_context& context, Announcer& announcer, DeviceOptions options)
-    : context_(context)
-    , announcer_(announcer)
+/// Datagrams at a steady rate. Each has its own deadline, counted from the start, so late wake-ups do not
+/// add up.
+struct Device::Stream {
+    Clock::time_point due() const { return start + ticks(Seconds(static_cast<double>(sent) / rate)); }
+
+    double rate;                           // datagrams a second
+    std::function<bool(Session&)> sendOne; // false: that was the last one
+    Clock::time_point start = Clock::now();
+    std::uint64_t sent = 0;
+};
+
+Device::Device(EventLoop& loop, DeviceOptions options)
+    : loop_(loop)
     , options_(std::move(options))
     , random_(std::random_device{}())
     , controlSSRC_(static_cast<std::uint32_t>(random_()))
-    , dataSSRC_(options_.otherSSRC ? ~controlSSRC_ : controlSSRC_) {}
+    , dataSSRC_(options_.hasOtherSSRC ? ~controlSSRC_ : controlSSRC_) {
+    after(options_.openAfter, [this] { openPorts(); });
+    after(options_.closeAfter, [this] {
+        closePorts();
+        print("ports closed");
+    });
+}
 
 Device::~Device() = default;
 
-void Device::start() {
-    if (options_.openAfter)
-        after(*options_.openAfter, [this] { openPorts(); });
-    else
-        openPorts();
-    if (options_.announces) announce();
-    if (options_.closeAfter) after(*options_.closeAfter, [this] { closePorts(); });
-    if (options_.withdrawAfter)
-        after(*options_.withdrawAfter, [this] {
-            if (announcement_) announcer_.withdraw(*std::exchange(announcement_, std::nullopt));
-            print("announcement withdrawn");
-        });
-}
-
-void Device::announce() {
-    // The handlers come on the announcer's thread.
-    const auto later = [this](std::string event) {
-        asio::post(context_, [this, event = std::move(event)] { print(event); });
-    };
-    const auto announced = [this, later](const std::string& name) {
-        for (const IPv4Host& address : options_.addresses)
-            later("announced " + name + " at " + address.text() + ":" + std::to_string(options_.controlPort));
-    };
-    const auto failed = [later](const std::string& reason) { later("not announced: " + reason); };
-    announcement_ = announcer_.announce(
-        {options_.name, options_.markerName, options_.addresses, options_.controlPort}, {announced, failed});
-}
-
 void Device::openPorts() {
-    for (const IPv4Host& address : options_.addresses) {
-        const auto socketAt = [&](std::uint16_t port) {
-            const UDP::endpoint endpoint(asio::ip::address_v4(address.bytes), port);
-            Link::Socket result{UDP::socket(context_, UDP::v4())};
-            std::error_code error;
-            result.socket.bind(endpoint, error);
-            if (error) throw std::system_error(error, "cannot listen on " + text(endpoint));
-            return result;
-        };
-        const auto dataPort = static_cast<std::uint16_t>(options_.controlPort + 1);
-        links_.push_back(
-            std::make_unique<Link>(Link{address, socketAt(options_.controlPort), socketAt(dataPort)}));
-        print("listening on " + address.text() + ":" + std::to_string(options_.controlPort));
-        receive(*links_.back(), Port::control);
-        receive(*links_.back(), Port::data);
+    for (const IPv4Host& address : options_.announcement.addresses) {
+        for (const Port port : {Port::control, Port::data})
+            sockets_.emplace_back(*this, address, port);
+        print("listening on " + address.text() + ":" + std::to_string(options_.announcement.port));
     }
+}
+
+void Device::stop() {
+    for (const SessionRef& session : sessions_)
+        sendBye(*session);
+    closePorts();
+    print("sent " + std::to_string(datagramsSent_) + " datagrams, " + std::to_string(messagesSent_) +
+          " messages");
 }
 
 void Device::closePorts() {
-    closeSockets();
-    print("ports closed");
+    sessions_.clear();
+    for (Socket& socket : sockets_)
+        socket.file = {}; // the socket itself stays: delayed answers still refer to it
 }
 
-void Device::receive(Link& link, Port port) {
-    Link::Socket& end = link[port];
-    end.socket.async_receive_from(asio::buffer(end.buffer), end.from,
-                                  [this, &link, &end, port](std::error_code error, std::size_t size) {
-                                      if (!end.socket.is_open()) return;
-                                      if (!error)
-                                          received(link, port, std::span(end.buffer).first(size), end.from);
-                                      receive(link, port);
-                                  });
+// Receiving
+
+void Device::Socket::readable() {
+    std::array<std::uint8_t, 2048> buffer;
+    sockaddr_in from{};
+    socklen_t length = sizeof from;
+    const ssize_t size = recvfrom(file.file(), buffer.data(), buffer.size(), MSG_DONTWAIT,
+                                  reinterpret_cast<sockaddr*>(&from), &length);
+    if (size >= 0) device.received({*this, from}, std::span(buffer).first(static_cast<std::size_t>(size)));
 }
 
-void Device::received(Link& link, Port port, std::span<const std::uint8_t> datagram,
-                      const UDP::endpoint& from) {
-    if (options_.silent) return;
-    const auto packet = AppleMIDIPacket::decode(datagram);
-    if (!packet) return;
-    if (const auto* invitation = std::get_if<AppleMIDIPacket::Invitation>(&packet->value))
-        port == Port::control ? controlInvitation(link, *invitation, from)
-                              : dataInvitation(link, *invitation, from);
-    else if (const auto* farewell = std::get_if<AppleMIDIPacket::Bye>(&packet->value))
-        bye(link, port, *farewell, from);
-    else if (const auto* clock = std::get_if<AppleMIDIPacket::ClockSync>(&packet->value))
-        if (port == Port::data) clockSync(link, *clock, from);
+void Device::received(const Remote& from, std::span<const std::uint8_t> datagram) {
+    if (options_.isSilent) return;
+    if (const auto packet = AppleMIDIPacket::decode(datagram))
+        std::visit([&](const auto& value) { handle(from, value); }, packet->value);
 }
 
-void Device::controlInvitation(Link& link, const AppleMIDIPacket::Invitation& invitation,
-                               const UDP::endpoint& from) {
-    print("control invitation from " + text(from) + " token=" + std::to_string(invitation.token) +
-          " name=\"" + invitation.name + "\"");
-    // An initiator that invites anew has begun anew.
-    if (const SessionRef previous = sessionOf(link, from, invitation.ssrc)) end(previous);
-    if (options_.rejects == Port::control || sessions_.size() >= mostSessions) {
-        print("rejected " + text(from) + " (control)");
-        return answer(link, Port::control,
-                      {AppleMIDIPacket::Reject{invitation.token, controlSSRC_, options_.name}}, from);
+void Device::handle(const Remote& from, const AppleMIDIPacket::Invitation& packet) {
+    const bool isControl = from.socket.port == Port::control;
+    print(from.portName() + " invitation from " + text(from.address) +
+          " token=" + std::to_string(packet.token) + (isControl ? " name=\"" + packet.name + "\"" : ""));
+    const SessionRef session = sessionOf(from, packet.ssrc);
+    if (isControl) std::erase(sessions_, session); // a new session replaces it
+    const bool isPossible = isControl ? sessions_.size() < maxSessions : session != nullptr;
+    if (!isPossible || options_.rejects == from.socket.port) {
+        print("rejected " + text(from.address) + " (" + from.portName() + ")" +
+              (isControl || session ? "" : ": no control invitation came before"));
+        std::erase(sessions_, session);
+        return answer(from, {AppleMIDIPacket::Reject{packet.token, ssrcOf(from.socket.port),
+                                                     options_.announcement.name}});
     }
-    const RTPMIDIWriter writer(dataSSRC_, static_cast<std::uint16_t>(random_()));
-    const auto timer = [this] { return asio::steady_timer(context_); };
-    sessions_.push_back(std::make_shared<Session>(
-        Session{link, invitation.ssrc, invitation.token, from, writer, timer(), timer(), timer(), timer()}));
-    answer(link, Port::control,
-           {AppleMIDIPacket::Accept{invitation.token + options_.wrongToken, controlSSRC_, options_.name}},
-           from);
-}
-
-void Device::dataInvitation(Link& link, const AppleMIDIPacket::Invitation& invitation,
-                            const UDP::endpoint& from) {
-    print("data invitation from " + text(from) + " token=" + std::to_string(invitation.token));
-    const SessionRef session = sessionOf(link, from, invitation.ssrc);
-    if (!session || options_.rejects == Port::data) {
-        print("rejected " + text(from) + " (data)" + (session ? "" : ": no control invitation came before"));
-        if (session) end(session);
-        return answer(link, Port::data, {AppleMIDIPacket::Reject{invitation.token, dataSSRC_, options_.name}},
-                      from);
+    answer(from, {AppleMIDIPacket::Accept{packet.token + options_.hasWrongToken, ssrcOf(from.socket.port),
+                                          options_.announcement.name}});
+    if (isControl) {
+        const RTPMIDIWriter writer(dataSSRC_, static_cast<std::uint16_t>(random_()));
+        sessions_.push_back(std::make_shared<Session>(Session{packet.ssrc, packet.token, from, writer}));
+        return;
     }
-    const bool again = session->data.has_value();
-    session->dataToken = invitation.token;
-    session->data = from;
-    answer(link, Port::data,
-           {AppleMIDIPacket::Accept{invitation.token + options_.wrongToken, dataSSRC_, options_.name}}, from);
-    if (again) return;
+    const bool isRepeated = session->data.has_value();
+    session->dataToken = packet.token;
+    session->data.emplace(from);
+    if (isRepeated) return;
     if (options_.startsClock) startClockExchange(session);
-    if (options_.garbageRate > 0) sendGarbage(session, Clock::now());
+    if (options_.garbageRate > 0)
+        keepSending(session, {options_.garbageRate, [this](Session& to) { return sendGarbage(to); }});
 }
 
-void Device::bye(Link& link, Port port, const AppleMIDIPacket::Bye& packet, const UDP::endpoint& from) {
-    const SessionRef session = sessionOf(link, from, packet.ssrc);
-    // The second BY of a session finds it gone, or a new one, which it does not mean. Token 0 means any.
-    const bool meant = session && (packet.token == 0 || packet.token == session->controlToken ||
-                                   packet.token == session->dataToken);
-    print("bye from " + ipOf(from) + (port == Port::control ? " (control)" : " (data)") +
-          (meant ? "" : ", no session"));
-    if (meant) end(session);
+void Device::handle(const Remote& from, const AppleMIDIPacket::Bye& packet) {
+    const SessionRef session = sessionOf(from, packet.ssrc);
+    // The second BY of a session finds none, or a new one that it does not end. Token 0 ends any.
+    const bool isMeant = session && (packet.token == 0 || packet.token == session->controlToken ||
+                                     packet.token == session->dataToken);
+    print("bye from " + from.ip() + " (" + from.portName() + ")" + (isMeant ? "" : ", no session"));
+    if (isMeant) std::erase(sessions_, session);
 }
 
-void Device::clockSync(Link& link, const AppleMIDIPacket::ClockSync& packet, const UDP::endpoint& from) {
-    const SessionRef session = sessionOf(link, from, packet.ssrc);
-    if (!session || !session->data) return;
-    if (packet.count == 0)
-        answer(
-            link, Port::data,
-            {AppleMIDIPacket::ClockSync{.ssrc = dataSSRC_, .count = 1, .t1 = packet.t1, .t2 = timestamp()}},
-            from);
-    if (packet.count == 1) {
-        answer(link, Port::data,
-               {AppleMIDIPacket::ClockSync{
-                   .ssrc = dataSSRC_, .count = 2, .t1 = packet.t1, .t2 = packet.t2, .t3 = timestamp()}},
-               from);
-        clockCompleted(session, true);
+void Device::handle(const Remote& from, const AppleMIDIPacket::ClockSync& packet) {
+    const SessionRef session = sessionOf(from, packet.ssrc);
+    if (!session || !session->data || from.socket.port != Port::data) return;
+    if (packet.count < 2) {
+        AppleMIDIPacket::ClockSync reply = packet;
+        reply.ssrc = dataSSRC_;
+        reply.count = static_cast<std::uint8_t>(packet.count + 1);
+        (packet.count == 0 ? reply.t2 : reply.t3) = timestamp();
+        answer(from, {reply});
     }
-    if (packet.count == 2) clockCompleted(session, false);
+    if (packet.count == 1 || packet.count == 2) clockCompleted(session, packet.count == 1);
 }
 
-Device::SessionRef Device::sessionOf(const Link& link, const UDP::endpoint& from, std::uint32_t ssrc) const {
-    const auto found = std::find_if(sessions_.begin(), sessions_.end(), [&](const SessionRef& session) {
-        return &session->link == &link && session->initiatorSSRC == ssrc &&
-               session->control.address() == from.address();
+// Sessions
+
+Device::SessionRef Device::sessionOf(const Remote& from, std::uint32_t ssrc) const {
+    const auto found = std::ranges::find_if(sessions_, [&](const SessionRef& session) {
+        return session->initiatorSSRC == ssrc && session->control.socket.host == from.socket.host &&
+               hostOf(session->control.address) == hostOf(from.address);
     });
     return found == sessions_.end() ? nullptr : *found;
 }
 
-void Device::end(const SessionRef& session) {
-    // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): it keeps the session alive
-    const SessionRef kept = session; // the argument may be the list's own
-    kept->ended = true;
-    for (auto* timer : {&kept->playTimer, &kept->byeTimer, &kept->clockTimer, &kept->garbageTimer})
-        timer->cancel();
-    std::erase(sessions_, kept);
-}
-
-void Device::sayBye() {
-    for (const SessionRef& session : sessions_)
-        sayBye(*session);
-    closeSockets();
-}
-
-void Device::closeSockets() {
-    while (!sessions_.empty())
-        end(sessions_.back());
-    std::error_code ignored;
-    for (const auto& link : links_)
-        for (const Port port : {Port::control, Port::data})
-            (*link)[port].socket.close(ignored);
-}
-
-void Device::sayBye(const Session& session) {
-    send(session.link, Port::control,
-         AppleMIDIPacket{AppleMIDIPacket::Bye{session.controlToken, controlSSRC_}}.encode(), session.control);
+void Device::sendBye(const Session& session) {
+    session.control.send(AppleMIDIPacket{AppleMIDIPacket::Bye{session.controlToken, controlSSRC_}}.encode());
     if (session.data)
-        send(session.link, Port::data,
-             AppleMIDIPacket{AppleMIDIPacket::Bye{session.dataToken, dataSSRC_}}.encode(), *session.data);
-    print("said bye to " + ipOf(session.control));
+        session.data->send(AppleMIDIPacket{AppleMIDIPacket::Bye{session.dataToken, dataSSRC_}}.encode());
+    print("said bye to " + session.control.ip());
 }
 
-void Device::startClockExchange(const SessionRef& session) {
-    answer(session->link, Port::data,
-           {AppleMIDIPacket::ClockSync{.ssrc = dataSSRC_, .count = 0, .t1 = timestamp()}}, *session->data);
-    session->clockTimer.expires_after(std::chrono::duration_cast<Clock::duration>(clockInterval));
-    session->clockTimer.async_wait([this, session](std::error_code) {
-        if (!session->ended) startClockExchange(session);
-    });
+void Device::startClockExchange(const WeakSession& weak) {
+    const SessionRef session = weak.lock();
+    if (!session) return;
+    answer(*session->data, {AppleMIDIPacket::ClockSync{.ssrc = dataSSRC_, .count = 0, .t1 = timestamp()}});
+    after(clockInterval, [this, weak] { startClockExchange(weak); });
 }
 
 void Device::clockCompleted(const SessionRef& session, bool startedHere) {
-    if (session->running || (options_.waitsForClock && !startedHere)) return;
-    session->running = true;
-    print("running with " + ipOf(session->control));
-    if (options_.byeAfter) {
-        session->byeTimer.expires_after(std::chrono::duration_cast<Clock::duration>(*options_.byeAfter));
-        session->byeTimer.async_wait([this, session](std::error_code) {
-            if (session->ended) return;
-            sayBye(*session);
-            end(session);
-        });
-    }
-    if (options_.play == Play::nothing) return;
-    session->playingSince = Clock::now();
-    playDue(session);
-}
-
-/// Every message has its own deadline, counted from the start, so that late wake-ups do not add up.
-void Device::playDue(const SessionRef& session) {
-    const auto deadline = [&] {
-        const Seconds sinceStart{static_cast<double>(session->nextMessage) / options_.rate};
-        return session->playingSince + std::chrono::duration_cast<Clock::duration>(sinceStart);
-    };
-    for (int burst = 0; burst < longestBurst && deadline() <= Clock::now(); ++burst) {
-        playNextDatagram(*session);
-        if (options_.messages > 0 && session->nextMessage >= options_.messages)
-            return print("played " + std::to_string(session->nextMessage) + " messages to " +
-                         ipOf(session->control));
-    }
-    session->playTimer.expires_at(deadline());
-    session->playTimer.async_wait([this, session](std::error_code) {
-        if (!session->ended) playDue(session);
+    if (session->isRunning || (options_.waitsForClock && !startedHere)) return;
+    session->isRunning = true;
+    print("running with " + session->control.ip());
+    after(options_.byeAfter, [this, weak = WeakSession(session)] {
+        const SessionRef ending = weak.lock();
+        if (ending) sendBye(*ending);
+        std::erase(sessions_, ending);
     });
+    if (options_.play != Play::nothing)
+        keepSending(session, {options_.rate / static_cast<double>(options_.messagesPerDatagram),
+                              [this](Session& to) { return playNextDatagram(to); }});
 }
 
-void Device::playNextDatagram(Session& session) {
+// Sending
+
+void Device::keepSending(const WeakSession& weak, Stream stream) {
+    const SessionRef session = weak.lock();
+    if (!session) return;
+    for (int burst = 0; burst < maxBurst && stream.due() <= Clock::now(); ++burst, ++stream.sent)
+        if (!stream.sendOne(*session)) return;
+    // At a time in the past the loop would serve this timer again before any socket.
+    loop_.at(std::max(stream.due(), Clock::now()),
+             [this, weak, stream = std::move(stream)]() mutable { keepSending(weak, std::move(stream)); });
+}
+
+/// Returns false once the session has got all its messages.
+bool Device::playNextDatagram(Session& session) {
     std::uint64_t count = options_.messagesPerDatagram;
     if (options_.messages > 0) count = std::min(count, options_.messages - session.nextMessage);
     std::vector<MIDIMessage> messages;
@@ -318,58 +268,43 @@ void Device::playNextDatagram(Session& session) {
     session.writer.write(messages, static_cast<std::uint32_t>(timestamp()),
                          [&](std::span<const std::uint8_t> datagram) {
                              ++datagramsSent_;
-                             send(session.link, Port::data, datagram, *session.data);
+                             session.data->send(datagram);
                          });
+    if (options_.messages == 0 || session.nextMessage < options_.messages) return true;
+    print("played " + std::to_string(session.nextMessage) + " messages to " + session.control.ip());
+    return false;
 }
 
-void Device::sendGarbage(const SessionRef& session, Clock::time_point due) {
+/// Returns true: there is no end.
+bool Device::sendGarbage(const Session& session) {
     std::vector<std::uint8_t> datagram(random_() % 300);
-    for (auto& byte : datagram)
-        byte = static_cast<std::uint8_t>(random_());
+    std::ranges::generate(datagram, [this] { return static_cast<std::uint8_t>(random_()); });
     // A third each: noise, the beginning of a session packet, the beginning of RTP-MIDI.
     const auto kind = random_() % 3;
     if (kind > 0 && datagram.size() >= 3) {
         datagram[0] = kind == 1 ? 0xFF : 0x80;
         datagram[1] = kind == 1 ? 0xFF : 0x61;
-        if (kind == 1) datagram[2] |= 0x80; // no letter: a BY by chance would end the session
+        if (kind == 1) datagram[2] |= 0x80; // not a letter: a random BY would end the session
     }
-    send(session->link, Port::data, datagram, *session->data);
-    const auto next = due + std::chrono::duration_cast<Clock::duration>(Seconds(1 / options_.garbageRate));
-    session->garbageTimer.expires_at(next);
-    session->garbageTimer.async_wait([this, session, next](std::error_code) {
-        if (!session->ended) sendGarbage(session, next);
-    });
+    session.data->send(datagram);
+    return true;
 }
 
-void Device::answer(Link& link, Port port, const AppleMIDIPacket& packet, const UDP::endpoint& to) {
-    if (options_.answerDelay.count() == 0) return send(link, port, packet.encode(), to);
-    after(options_.answerDelay, [this, &link, port, packet, to] { send(link, port, packet.encode(), to); });
+void Device::answer(const Remote& to, const AppleMIDIPacket& packet) {
+    if (options_.answerDelay.count() == 0) return to.send(packet.encode());
+    after(options_.answerDelay, [to, packet] { to.send(packet.encode()); });
 }
 
-void Device::send(Link& link, Port port, std::span<const std::uint8_t> datagram, const UDP::endpoint& to) {
-    std::error_code ignored; // the network's losses are the receiver's to bear
-    link[port].socket.send_to(asio::buffer(datagram.data(), datagram.size()), to, 0, ignored);
-}
-
-void Device::after(Seconds delay, std::function<void()> work) {
-    const auto timer = std::make_shared<asio::steady_timer>(context_);
-    timer->expires_after(std::chrono::duration_cast<Clock::duration>(delay));
-    timer->async_wait([timer, work = std::move(work)](std::error_code error) {
-        if (!error) work();
-    });
+void Device::after(std::optional<Seconds> delay, std::function<void()> work) {
+    if (delay) loop_.at(Clock::now() + ticks(*delay), std::move(work));
 }
 
 std::uint64_t Device::timestamp() const {
-    return static_cast<std::uint64_t>(Seconds(Clock::now() - startedAt_).count() * timestampUnitsPerSecond);
-}
-
-void Device::printTotals() const {
-    print("sent " + std::to_string(datagramsSent_) + " datagrams, " + std::to_string(messagesSent_) +
-          " messages");
+    return static_cast<std::uint64_t>((Clock::now() - startedAt_) / std::chrono::microseconds(100));
 }
 
 void Device::print(const std::string& event) const {
-    std::printf("%s\n", escapedControls("[device " + options_.name + "] " + event).c_str());
+    std::printf("%s\n", escapedControls("[device " + options_.announcement.name + "] " + event).c_str());
     std::fflush(stdout);
 }
 

@@ -2,17 +2,15 @@
 #pragma once
 
 #include "Announcement.h"
-#include "Models/IPv4Host.h"
+#include "Platform/network/EventLoop.h"
 #include "Player.h"
 #include "RTPMIDIWriter.h"
 #include "Services/AppleMIDIPacket.h"
 
-#include <asio.hpp>
-
-#include <array>
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <memory>
 #include <optional>
 #include <random>
@@ -24,15 +22,15 @@ namespace tessary::device {
 
 using Seconds = std::chrono::duration<double>;
 
+inline EventLoop::Clock::duration ticks(Seconds time) {
+    return std::chrono::duration_cast<EventLoop::Clock::duration>(time);
+}
+
 enum class Port { control, data };
 
 /// What a device is and does. Delays count from the device's start where nothing else is said.
 struct DeviceOptions {
-    std::string name = "Tessary Device";
-    std::string markerName; // empty: no marker service
-    std::vector<IPv4Host> addresses;
-    std::uint16_t controlPort = 5004; // the data port is the next one
-    bool announces = true;
+    Announcement announcement{.name = "Tessary Device", .port = 5004}; // the data port is the next one
 
     Play play = Play::scale;
     double rate = 4; // messages a second and session
@@ -44,89 +42,79 @@ struct DeviceOptions {
     bool waitsForClock = false;
 
     std::optional<Port> rejects;
-    bool silent = false;
+    bool isSilent = false;
     std::chrono::milliseconds answerDelay{0};
-    bool wrongToken = false;
-    std::optional<Seconds> byeAfter; // from the moment the session runs
-    std::optional<Seconds> openAfter;
+    bool hasWrongToken = false;
+    std::optional<Seconds> byeAfter; // after the session is up
+    Seconds openAfter{0};
     std::optional<Seconds> closeAfter;
-    std::optional<Seconds> withdrawAfter;
     double garbageRate = 0; // datagrams a second and session
-    bool otherSSRC = false;
+    bool hasOtherSSRC = false;
 };
 
-/// A session belongs to the initiator's address and SSRC, begins with its control invitation and ends with a
-/// BY from either side. It plays from message 0 once a clock exchange has completed.
+/// A session is identified by the initiator's address and SSRC, begins with its control invitation and ends
+/// with a BY from either side. It plays from message 0 once a clock exchange has completed.
 ///
-/// Runs on: the thread of the `io_context`, all of it.
+/// Runs on: the thread of the event loop, all of it.
 class Device {
   public:
-    /// The announcer and the context outlive the device, and the device outlives every handler of the
-    /// context.
-    Device(asio::io_context& context, Announcer& announcer, DeviceOptions options);
+    /// The device opens its ports once the loop runs. The loop outlives the device, but runs no more when the
+    /// device has gone.
+    ///
+    /// Errors: the loop's `run` throws `std::system_error` if a port cannot be opened.
+    Device(EventLoop& loop, DeviceOptions options);
     ~Device();
     Device(const Device&) = delete;
     Device& operator=(const Device&) = delete;
 
-    /// Announces the device and opens its ports.
-    ///
-    /// Errors: `std::system_error` if a port cannot be opened. (With `openAfter` it comes out of the
-    /// context.)
-    void start();
+    /// Ends every session with a BY on both ports and closes the ports, so that an invitation that arrives
+    /// later is answered with port unreachable. Prints what was sent in all.
+    void stop();
 
-    /// Sends BY on both ports to every session, forgets them all and closes the ports: an invitation that
-    /// comes now is to find nobody there, instead of a socket that nobody reads any more.
-    void sayBye();
-
-    /// Prints what was sent in all.
-    void printTotals() const;
-
-  private:
-    using Clock = std::chrono::steady_clock;
-    using UDP = asio::ip::udp;
-    struct Link;
-    struct Session;
-    using SessionRef = std::shared_ptr<Session>;
-
-    void announce();
-    void openPorts();
-    void closePorts();
-    void closeSockets();
-    void receive(Link& link, Port port);
-    void received(Link& link, Port port, std::span<const std::uint8_t> datagram, const UDP::endpoint& from);
-
-    void controlInvitation(Link& link, const AppleMIDIPacket::Invitation& invitation,
-                           const UDP::endpoint& from);
-    void dataInvitation(Link& link, const AppleMIDIPacket::Invitation& invitation, const UDP::endpoint& from);
-    void bye(Link& link, Port port, const AppleMIDIPacket::Bye& packet, const UDP::endpoint& from);
-    void clockSync(Link& link, const AppleMIDIPacket::ClockSync& packet, const UDP::endpoint& from);
-
-    SessionRef sessionOf(const Link& link, const UDP::endpoint& from, std::uint32_t ssrc) const;
-    void end(const SessionRef& session);
-    void sayBye(const Session& session);
-    void startClockExchange(const SessionRef& session);
-    void clockCompleted(const SessionRef& session, bool startedHere);
-    void playDue(const SessionRef& session);
-    void playNextDatagram(Session& session);
-    void sendGarbage(const SessionRef& session, Clock::time_point due);
-
-    void answer(Link& link, Port port, const AppleMIDIPacket& packet, const UDP::endpoint& to);
-    void send(Link& link, Port port, std::span<const std::uint8_t> datagram, const UDP::endpoint& to);
-    void after(Seconds delay, std::function<void()> work);
-    std::uint32_t ssrcOf(Port port) const { return port == Port::control ? controlSSRC_ : dataSSRC_; }
-    std::uint64_t timestamp() const;
+    /// Prints one line about the device.
     void print(const std::string& event) const;
 
-    asio::io_context& context_;
-    Announcer& announcer_;
+  private:
+    using Clock = EventLoop::Clock;
+    struct Socket;
+    struct Remote;
+    struct Session;
+    struct Stream;
+    using SessionRef = std::shared_ptr<Session>;
+    using WeakSession = std::weak_ptr<Session>;
+
+    void openPorts();
+    void closePorts();
+
+    void received(const Remote& from, std::span<const std::uint8_t> datagram);
+    void handle(const Remote& from, const AppleMIDIPacket::Invitation& packet);
+    void handle(const Remote& from, const AppleMIDIPacket::Bye& packet);
+    void handle(const Remote& from, const AppleMIDIPacket::ClockSync& packet);
+    /// Answers to invitations, which this side never sends.
+    template <typename Other>
+    void handle(const Remote&, const Other&) {}
+
+    SessionRef sessionOf(const Remote& from, std::uint32_t ssrc) const;
+    void sendBye(const Session& session);
+    void startClockExchange(const WeakSession& weak);
+    void clockCompleted(const SessionRef& session, bool startedHere);
+    void keepSending(const WeakSession& weak, Stream stream);
+    bool playNextDatagram(Session& session);
+    bool sendGarbage(const Session& session);
+
+    void answer(const Remote& to, const AppleMIDIPacket& packet);
+    void after(std::optional<Seconds> delay, std::function<void()> work); ///< absent: never
+    std::uint32_t ssrcOf(Port port) const { return port == Port::control ? controlSSRC_ : dataSSRC_; }
+    std::uint64_t timestamp() const; ///< in units of 100 microseconds
+
+    EventLoop& loop_;
     const DeviceOptions options_;
     const Clock::time_point startedAt_ = Clock::now();
     std::mt19937 random_;
-    std::uint32_t controlSSRC_;
-    std::uint32_t dataSSRC_;
-    std::optional<Announcer::ID> announcement_;
-    std::vector<std::unique_ptr<Link>> links_;
-    std::vector<SessionRef> sessions_;
+    const std::uint32_t controlSSRC_;
+    const std::uint32_t dataSSRC_;
+    std::list<Socket> sockets_;
+    std::vector<SessionRef> sessions_; ///< all others hold weak references
     std::uint64_t datagramsSent_ = 0;
     std::uint64_t messagesSent_ = 0;
 };

@@ -2,20 +2,12 @@
 
 #include <algorithm>
 #include <array>
-#include <utility>
 
 namespace tessary::device {
 
 namespace {
 
 constexpr std::array<std::uint8_t, 8> scaleNotes{60, 62, 64, 65, 67, 69, 71, 72};
-
-constexpr std::array<std::pair<std::string_view, Play>, 6> names{{{"scale", Play::scale},
-                                                                  {"chords", Play::chords},
-                                                                  {"sweep", Play::sweep},
-                                                                  {"sysex", Play::sysex},
-                                                                  {"mixed", Play::mixed},
-                                                                  {"nothing", Play::nothing}}};
 
 std::uint8_t sevenBits(std::uint64_t value) {
     return static_cast<std::uint8_t>(value & 0x7F);
@@ -45,7 +37,7 @@ MIDIMessage sweepAt(std::uint64_t i) {
 }
 
 MIDIMessage sysexAt(std::uint64_t i, std::size_t size) {
-    // 7D is the manufacturer byte that is nobody's.
+    // 7D is the manufacturer byte for non-commercial use.
     MIDIMessage message{0xF0, 0x7D, sevenBits(i >> 21), sevenBits(i >> 14), sevenBits(i >> 7), sevenBits(i)};
     message.resize(std::min(message.size(), size - 1));
     message.reserve(size);
@@ -57,57 +49,28 @@ MIDIMessage sysexAt(std::uint64_t i, std::size_t size) {
 
 MIDIMessage mixedAt(std::uint64_t i, std::size_t sysexSize) {
     const std::uint8_t count = sevenBits(i / 12);
-    switch (i % 12) {
-    case 0:
-        return {0x90, 60, velocityAt(i)};
-    case 1:
-        return {0x80, 60, velocityAt(i)};
-    case 2:
-        return {0xA0, 60, count};
-    case 3:
-        return {0xB0, 1, count};
-    case 4:
-        return {0xC0, count};
-    case 5:
-        return {0xD0, count};
-    case 6:
-        return {0xE0, count, sevenBits(i)};
-    case 7:
-        return {0xF2, count, sevenBits(i)};
-    case 8:
-        return {0xF3, count};
-    case 9:
-        return {0xF1, count};
-    case 10:
-        return {0xF8};
-    default:
-        return sysexAt(i, sysexSize);
-    }
+    const std::array<MIDIMessage, 11> messages{{{0x90, 60, velocityAt(i)},
+                                                {0x80, 60, velocityAt(i)},
+                                                {0xA0, 60, count},
+                                                {0xB0, 1, count},
+                                                {0xC0, count},
+                                                {0xD0, count},
+                                                {0xE0, count, sevenBits(i)},
+                                                {0xF2, count, sevenBits(i)},
+                                                {0xF3, count},
+                                                {0xF1, count},
+                                                {0xF8}}};
+    return i % 12 < messages.size() ? messages[i % 12] : sysexAt(i, sysexSize);
 }
 
 } // namespace
 
-std::optional<Play> playNamed(std::string_view name) {
-    for (const auto& [known, play] : names)
-        if (known == name) return play;
-    return std::nullopt;
-}
-
 MIDIMessage messageAt(Play play, std::uint64_t i, std::size_t sysexSize) {
-    switch (play) {
-    case Play::scale:
-        return scaleAt(i);
-    case Play::chords:
-        return chordsAt(i);
-    case Play::sweep:
-        return sweepAt(i);
-    case Play::sysex:
-        return sysexAt(i, sysexSize);
-    case Play::mixed:
-        return mixedAt(i, sysexSize);
-    case Play::nothing:
-        break;
-    }
+    if (play == Play::scale) return scaleAt(i);
+    if (play == Play::chords) return chordsAt(i);
+    if (play == Play::sweep) return sweepAt(i);
+    if (play == Play::sysex) return sysexAt(i, sysexSize);
+    if (play == Play::mixed) return mixedAt(i, sysexSize);
     return {};
 }
 

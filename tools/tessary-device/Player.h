@@ -4,8 +4,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <optional>
-#include <string_view>
 #include <vector>
 
 namespace tessary::device {
@@ -15,11 +13,8 @@ using MIDIMessage = std::vector<std::uint8_t>;
 
 enum class Play { nothing, scale, chords, sweep, sysex, mixed };
 
-/// The tune of that name; absent if there is none.
-std::optional<Play> playNamed(std::string_view name);
-
 /// F0, the manufacturer byte, F7. From 7 bytes on a System Exclusive carries its number.
-constexpr std::size_t smallestSysex = 3;
+constexpr std::size_t minSysexSize = 3;
 
 /// The notes that sound together in `Play::chords`. Its messages come in pairs of this many notes on and as
 /// many notes off.
@@ -35,13 +30,12 @@ constexpr std::size_t notesPerChord = 3;
 ///     sysex    F0 7D n n n n ... F7, `sysexSize` bytes in all; n is the number, seven bits a byte, the
 ///              highest first; the byte at offset k, from 6 on, is (7 i + k + k / 128) mod 128; a short one
 ///              ends sooner
-///     mixed    i mod 12: note on, note off, poly pressure, controller, program, channel pressure, pitch
-///     bend,
-///              song position, song select, time code quarter frame, timing clock, System Exclusive;
-///              the data bytes count
+///     mixed    i mod 12: note on, note off, poly pressure, controller, program, channel pressure,
+///              pitch bend, song position, song select, time code quarter frame, timing clock, System
+///              Exclusive; the data bytes count
 ///     nothing  an empty message
 ///
-/// @param sysexSize  bytes of a System Exclusive, F0 and F7 included; `smallestSysex` or more
+/// @param sysexSize  bytes of a System Exclusive, F0 and F7 included; `minSysexSize` or more
 /// Runs on: any thread. Allocates: the message.
 MIDIMessage messageAt(Play play, std::uint64_t i, std::size_t sysexSize);
 

@@ -7,7 +7,7 @@ namespace tessary::device {
 namespace {
 
 /// The longest list that the one-byte header can announce.
-constexpr std::size_t longestShortList = 15;
+constexpr std::size_t maxShortListSize = 15;
 
 template <typename Integer>
 void append(std::vector<std::uint8_t>& bytes, Integer value) {
@@ -18,46 +18,44 @@ void append(std::vector<std::uint8_t>& bytes, Integer value) {
 } // namespace
 
 void RTPMIDIWriter::write(std::span<const MIDIMessage> messages, std::uint32_t timestamp, const Send& send) {
+    std::vector<std::uint8_t> list;
+    const auto flush = [&] {
+        if (!list.empty()) send(datagram(list, timestamp));
+        list.clear();
+    };
     for (const MIDIMessage& message : messages) {
         if (message.empty()) continue;
-        if (message.size() > longestList) {
-            flush(timestamp, send);
-            writeSegments(message, timestamp, send);
+        if (list.size() + 1 + message.size() > maxListSize) flush();
+        if (message.size() <= maxListSize) {
+            if (!list.empty()) list.push_back(0);
+            list.insert(list.end(), message.begin(), message.end());
             continue;
         }
-        if (list_.size() + 1 + message.size() > longestList) flush(timestamp, send);
-        if (!list_.empty()) list_.push_back(0);
-        list_.insert(list_.end(), message.begin(), message.end());
+        // A System Exclusive in segments: each has a byte of its own before and after its share of the
+        // content.
+        constexpr std::size_t maxShare = maxListSize - 2;
+        for (auto rest = std::span(message).subspan(1, message.size() - 2); !rest.empty();) {
+            const auto share = rest.first(std::min(maxShare, rest.size()));
+            list.push_back(rest.size() + 2 == message.size() ? 0xF0 : 0xF7);
+            list.insert(list.end(), share.begin(), share.end());
+            rest = rest.subspan(share.size());
+            list.push_back(rest.empty() ? 0xF7 : 0xF0);
+            flush();
+        }
     }
-    flush(timestamp, send);
+    flush();
 }
 
-void RTPMIDIWriter::writeSegments(const MIDIMessage& sysex, std::uint32_t timestamp, const Send& send) {
-    // What lies between F0 and F7; each segment puts a byte of its own before and after its share.
-    const auto content = std::span(sysex).subspan(1, sysex.size() - 2);
-    constexpr std::size_t share = longestList - 2;
-    for (std::size_t start = 0; start < content.size(); start += share) {
-        const auto piece = content.subspan(start, std::min(share, content.size() - start));
-        const bool last = start + piece.size() == content.size();
-        list_.push_back(start == 0 ? 0xF0 : 0xF7);
-        list_.insert(list_.end(), piece.begin(), piece.end());
-        list_.push_back(last ? 0xF7 : 0xF0);
-        flush(timestamp, send);
-    }
-}
-
-void RTPMIDIWriter::flush(std::uint32_t timestamp, const Send& send) {
-    if (list_.empty()) return;
-    datagram_.assign({0x80, 0x61});
-    append(datagram_, sequenceNumber_++);
-    append(datagram_, timestamp);
-    append(datagram_, ssrc_);
-    if (list_.size() > longestShortList)
-        datagram_.push_back(static_cast<std::uint8_t>(0x80 | list_.size() >> 8));
-    datagram_.push_back(static_cast<std::uint8_t>(list_.size()));
-    datagram_.insert(datagram_.end(), list_.begin(), list_.end());
-    send(datagram_);
-    list_.clear();
+std::vector<std::uint8_t> RTPMIDIWriter::datagram(std::span<const std::uint8_t> list,
+                                                  std::uint32_t timestamp) {
+    std::vector<std::uint8_t> bytes{0x80, 0x61};
+    append(bytes, sequenceNumber_++);
+    append(bytes, timestamp);
+    append(bytes, ssrc_);
+    if (list.size() > maxShortListSize) bytes.push_back(static_cast<std::uint8_t>(0x80 | list.size() >> 8));
+    bytes.push_back(static_cast<std::uint8_t>(list.size()));
+    bytes.insert(bytes.end(), list.begin(), list.end());
+    return bytes;
 }
 
 } // namespace tessary::device

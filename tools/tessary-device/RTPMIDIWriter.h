@@ -11,7 +11,7 @@
 namespace tessary::device {
 
 /// The longest MIDI list written: with all headers it fits the Ethernet MTU of 1500 bytes.
-constexpr std::size_t longestList = 1200;
+constexpr std::size_t maxListSize = 1200;
 
 /// One RTP stream of MIDI.
 ///
@@ -37,13 +37,10 @@ class RTPMIDIWriter {
     void write(std::span<const MIDIMessage> messages, std::uint32_t timestamp, const Send& send);
 
   private:
-    void flush(std::uint32_t timestamp, const Send& send);
-    void writeSegments(const MIDIMessage& sysex, std::uint32_t timestamp, const Send& send);
+    std::vector<std::uint8_t> datagram(std::span<const std::uint8_t> list, std::uint32_t timestamp);
 
     std::uint32_t ssrc_;
     std::uint16_t sequenceNumber_;
-    std::vector<std::uint8_t> list_;
-    std::vector<std::uint8_t> datagram_;
 };
 
 } // namespace tessary::device

@@ -3,280 +3,172 @@
 #include "Device.h"
 
 #include "Models/UTF8.h"
+#include "Platform/network/AddressMonitor.h"
 
-#include <asio.hpp>
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
 
 #include <arpa/inet.h>
-#include <charconv>
-#include <cmath>
+#include <array>
+#include <bit>
 #include <csignal>
 #include <cstdio>
-#include <ifaddrs.h>
-#include <iomanip>
+#include <exception>
+#include <list>
 #include <map>
-#include <net/if.h>
-#include <sstream>
-#include <stdexcept>
+#include <optional>
+#include <string>
+#include <vector>
 
 namespace tessary::device {
 
 namespace {
 
-constexpr const char* help =
-    R"(Usage: tessary-device [OPTION]...
+const std::map<std::string, Play> tunes{{"scale", Play::scale}, {"chords", Play::chords},
+                                        {"sweep", Play::sweep}, {"sysex", Play::sysex},
+                                        {"mixed", Play::mixed}, {"nothing", Play::nothing}};
 
-Simulates one or many companion devices: announces them by multicast DNS, accepts the RTP-MIDI
-sessions of any number of initiators and plays to each session from the moment that its clock
-exchange has completed. Prints one line for each event. SIGTERM or SIGINT ends it: it says BY to
-every session and withdraws its announcements.
+const std::map<std::string, Port> ports{{"control", Port::control}, {"data", Port::data}};
 
-Who it is
-  --name NAME           name of the device (default "Tessary Device")
-  --marker-name NAME    name of its marker service (default: as the device)
-  --address A.B.C.D     address to announce and to listen on (default: the machine's first that is
-                        not the loopback). Repeat it for a device on several links: each interface
-                        then announces the address in its own subnet
-  --port P              control port; the data port is the next one (default 5004)
-  --count N             N devices, named NAME 1 to NAME N, at N consecutive addresses from
-                        --address on, which the machine must have
-  --no-marker           announce _apple-midi._udp, but not the marker service _tessarylink._tcp
-  --no-announce         announce nothing
-
-What it plays
-  --play TUNE           scale, chords, sweep, sysex, mixed or nothing (default scale). Each message
-                        follows from its number, see Player.h
-  --rate R              messages a second, up to 100000 (default 4)
-  --per-datagram N      messages in one datagram (default 1; chords: whole chords of 3)
-  --messages N          stop playing after N messages to a session (default 0: never)
-  --sysex-size BYTES    length of a System Exclusive, F0 and F7 included (default 256); one above
-                        1200 goes in segments
-  --channel N           MIDI channel of what it plays, 1 to 16 (default 1)
-  --clock               start clock exchanges too: after the data invitation and every 10 s
-  --wait-for-clock      play nothing before such an exchange was answered (implies --clock)
-
-How it misbehaves (SECONDS count from the start unless said otherwise; fractions are welcome)
-  --reject PORT         reject the invitations to one port: control or data
-  --silent              never answer anything
-  --answer-delay MS     answer that many milliseconds late
-  --wrong-token         accept invitations with a token that is not theirs
-  --bye-after SECONDS   say BY on both ports when a session has run that long
-  --open-after SECONDS  announce at once, but open the ports that late
-  --close-after SECONDS    close the ports, without a word
-  --withdraw-after SECONDS withdraw the announcement (goodbye) and go on otherwise
-  --garbage R           send R random datagrams a second to the data port of each session
-  --other-ssrc          use different SSRCs on the control and the data port
-
-  --help                print this
-
-Examples
-  tessary-device
-        a device that plays a scale to whoever connects
-  tessary-device --rate 1000 --messages 5000 --wait-for-clock
-        5000 notes in 5 seconds; the velocities 1 to 127, over and over, show each loss
-  tessary-device --address 127.0.0.10 --count 64 --play chords
-        64 devices on the loopback network
-  tessary-device --play sysex --sysex-size 20000 --rate 2
-        long System Exclusive in segments
-  tessary-device --open-after 3 --bye-after 10
-        a device whose port opens late and that hangs up after 10 seconds
+constexpr const char* description =
+    R"(Simulates companion devices: announces them by multicast DNS, accepts RTP-MIDI sessions, and plays
+to each session once its clock exchange has completed. tessary-device(1) says more.
 )";
 
-/// What is wrong with the command line, for the person who wrote it.
-struct UsageError : std::runtime_error {
-    using runtime_error::runtime_error;
-};
-
+/// What the command line asks for.
 struct CommandLine {
     DeviceOptions device;
-    std::optional<std::string> markerName;
-    bool marker = true;
-    std::uint64_t count = 1;
-    bool help = false;
+    std::vector<std::string> addresses;
+    bool hasNoMarker = false;
+    bool isNotAnnounced = false;
+    std::optional<Seconds> withdrawAfter;
+    std::uint32_t count = 1;
 };
 
-template <typename Number>
-Number numberFrom(const std::string& option, const std::string& value, Number least, Number most) {
-    Number number{};
-    const char* end = value.data() + value.size();
-    const auto [stop, error] = std::from_chars(value.data(), end, number);
-    if (error != std::errc{} || stop != end || !(number >= least && number <= most))
-        throw UsageError(option + ": \"" + value + "\" is no number from " +
-                         (std::ostringstream() << std::setprecision(9) << least << " to " << most).str());
-    return number;
-}
-
-/// At most three years: far more, and the clock's type would have no room.
-Seconds secondsFrom(const std::string& option, const std::string& value) {
-    return Seconds(numberFrom(option, value, 0.0, 1e8));
-}
-
-std::string nameFrom(const std::string& option, const std::string& value) {
-    if (value.empty() || value.size() > 63 || !isUTF8(value))
-        throw UsageError(option + ": a name has 1 to 63 bytes of UTF-8");
-    return value;
-}
-
-std::uint32_t numberOf(const IPv4Host& host) {
-    std::uint32_t number = 0;
-    for (const std::uint8_t byte : host.bytes)
-        number = number << 8 | byte;
-    return number;
-}
-
-IPv4Host hostOf(std::uint32_t number) {
-    IPv4Host host;
-    for (std::size_t i = 0; i < 4; ++i)
-        host.bytes[i] = static_cast<std::uint8_t>(number >> (24 - 8 * i));
-    return host;
-}
-
-IPv4Host firstOwnAddress() {
-    IPv4Host result{{127, 0, 0, 1}};
-    ifaddrs* interfaces = nullptr;
-    if (getifaddrs(&interfaces) != 0) return result;
-    for (const ifaddrs* entry = interfaces; entry; entry = entry->ifa_next) {
-        if (!entry->ifa_addr || entry->ifa_addr->sa_family != AF_INET || (entry->ifa_flags & IFF_LOOPBACK))
-            continue;
-        result = hostOf(ntohl(reinterpret_cast<const sockaddr_in*>(entry->ifa_addr)->sin_addr.s_addr));
-        break;
-    }
-    freeifaddrs(interfaces);
-    return result;
-}
-
-CommandLine parse(const std::vector<std::string>& arguments) {
-    CommandLine result;
-    DeviceOptions& device = result.device;
-    using Text = const std::string&;
-    const std::map<std::string, std::function<void()>> switches{
-        {"--help", [&] { result.help = true; }},
-        {"--no-marker", [&] { result.marker = false; }},
-        {"--no-announce", [&] { device.announces = false; }},
-        {"--clock", [&] { device.startsClock = true; }},
-        {"--wait-for-clock", [&] { device.startsClock = device.waitsForClock = true; }},
-        {"--silent", [&] { device.silent = true; }},
-        {"--wrong-token", [&] { device.wrongToken = true; }},
-        {"--other-ssrc", [&] { device.otherSSRC = true; }},
+/// Makes the options, which write their values into `line`.
+void addOptions(CLI::App& app, CommandLine& line) {
+    DeviceOptions& device = line.device;
+    Announcement& announcement = device.announcement;
+    const auto add = [&app](const char* name, auto& variable, const CLI::Validator& check, const char* value,
+                            const char* text) {
+        return app.add_option(name, variable, text)->option_text(value)->transform(check);
     };
-    const std::map<std::string, std::function<void(Text, Text)>> settings{
-        {"--name", [&](Text option, Text value) { device.name = nameFrom(option, value); }},
-        {"--marker-name", [&](Text option, Text value) { result.markerName = nameFrom(option, value); }},
-        {"--address",
-         [&](Text option, Text value) {
-             const auto host = IPv4Host::parse(value);
-             if (!host) throw UsageError(option + ": \"" + value + "\" is no IPv4 address");
-             device.addresses.push_back(*host);
-         }},
-        {"--port",
-         [&](Text option, Text value) {
-             device.controlPort = numberFrom<std::uint16_t>(option, value, 1, 65534);
-         }},
-        {"--count",
-         [&](Text option, Text value) { result.count = numberFrom<std::uint64_t>(option, value, 1, 4096); }},
-        {"--play",
-         [&](Text option, Text value) {
-             const auto play = playNamed(value);
-             if (!play)
-                 throw UsageError(option + ": \"" + value +
-                                  "\" is none of scale, chords, sweep, sysex, mixed, nothing");
-             device.play = *play;
-         }},
-        {"--rate",
-         [&](Text option, Text value) { device.rate = numberFrom(option, value, 0.001, 100'000.0); }},
-        {"--per-datagram",
-         [&](Text option, Text value) {
-             device.messagesPerDatagram = numberFrom<std::size_t>(option, value, 1, 1000);
-         }},
-        {"--messages",
-         [&](Text option, Text value) {
-             device.messages = numberFrom<std::uint64_t>(option, value, 0, 1'000'000'000'000);
-         }},
-        {"--channel",
-         [&](Text option, Text value) {
-             device.channel = static_cast<std::uint8_t>(numberFrom(option, value, 1, 16));
-         }},
-        {"--sysex-size",
-         [&](Text option, Text value) {
-             device.sysexSize = numberFrom<std::size_t>(option, value, smallestSysex, 1'000'000);
-         }},
-        {"--reject",
-         [&](Text option, Text value) {
-             if (value != "control" && value != "data")
-                 throw UsageError(option + ": \"" + value + "\" is none of control, data");
-             device.rejects = value == "control" ? Port::control : Port::data;
-         }},
-        {"--answer-delay",
-         [&](Text option, Text value) {
-             device.answerDelay = std::chrono::milliseconds(numberFrom(option, value, 0, 3'600'000));
-         }},
-        {"--bye-after", [&](Text option, Text value) { device.byeAfter = secondsFrom(option, value); }},
-        {"--open-after", [&](Text option, Text value) { device.openAfter = secondsFrom(option, value); }},
-        {"--close-after", [&](Text option, Text value) { device.closeAfter = secondsFrom(option, value); }},
-        {"--withdraw-after",
-         [&](Text option, Text value) { device.withdrawAfter = secondsFrom(option, value); }},
-        {"--garbage",
-         [&](Text option, Text value) { device.garbageRate = numberFrom(option, value, 0.0, 100'000.0); }},
-    };
+    const CLI::Validator any;
+    const CLI::Validator isHost(
+        [](const std::string& text) { return IPv4Host::parse(text) ? "" : text + " is no IPv4 address"; },
+        "");
+    const CLI::Validator isTune = CLI::IsMember(tunes) & CLI::Transformer(tunes);
+    const CLI::Validator isPort = CLI::IsMember(ports) & CLI::Transformer(ports);
+    const CLI::Range isSysexSize(minSysexSize, std::size_t{1'000'000});
+    const CLI::Range isCount(std::uint64_t{0}, std::uint64_t{1'000'000'000'000});
+    const CLI::Validator isReal( // CLI11's ranges accept NaN
+        [](const std::string& text) { return text.find_first_of("nN") == text.npos ? "" : "no number"; }, "");
+    // More seconds than these (three years) could overflow the clock's type.
+    const CLI::Validator isTime = CLI::Range(0.0, 1e8) & isReal;
 
-    for (auto argument = arguments.begin(); argument != arguments.end(); ++argument) {
-        const std::string option = argument->substr(0, argument->find('='));
-        const bool joined = option.size() < argument->size();
-        if (const auto found = switches.find(option); found != switches.end()) {
-            if (joined) throw UsageError(option + " takes no value");
-            found->second();
-        } else if (const auto setting = settings.find(option); setting != settings.end()) {
-            if (!joined && ++argument == arguments.end()) throw UsageError(option + " needs a value");
-            setting->second(option, joined ? argument->substr(option.size() + 1) : *argument);
-        } else {
-            throw UsageError("there is no option " + *argument);
-        }
-    }
-    return result;
+    app.option_defaults()->group("Identity");
+    add("--name", announcement.name, any, "NAME", "name of the device (default \"Tessary Device\")");
+    add("--marker-name", announcement.markerName, any, "NAME",
+        "name of its marker service (default: the same)");
+    add("--address", line.addresses, isHost, "A.B.C.D",
+        "address to listen on and to announce; can be repeated")
+        ->allow_extra_args(false);
+    add("--port", announcement.port, CLI::Range(1, 65534), "P",
+        "control port (default 5004); data: the next");
+    add("--count", line.count, CLI::Range(1, 4096), "N", "N devices, at consecutive addresses (default 1)");
+    app.add_flag("--no-marker", line.hasNoMarker, "announce no marker service (_tessarylink._tcp)");
+    app.add_flag("--no-announce", line.isNotAnnounced, "announce nothing");
+
+    app.option_defaults()->group("What it plays");
+    add("--play", device.play, isTune, "TUNE", "scale (default), chords, sweep, sysex, mixed or nothing");
+    add("--rate", device.rate, CLI::Range(0.001, 1e5) & isReal, "R",
+        "messages a second, up to 100000 (default 4)");
+    add("--per-datagram", device.messagesPerDatagram, CLI::Range(1, 1000), "N",
+        "messages a datagram (default 1)");
+    add("--messages", device.messages, isCount, "N", "stop after N to a session (default 0: never)");
+    add("--sysex-size", device.sysexSize, isSysexSize, "BYTES", "with F0 and F7 (default 256)");
+    add("--channel", device.channel, CLI::Range(1, 16), "N", "MIDI channel of what it plays (default 1)");
+    app.add_flag("--clock", device.startsClock, "start clock exchanges too, every 10 s");
+    app.add_flag("--wait-for-clock", device.waitsForClock, "play once such an exchange was answered");
+
+    app.option_defaults()->group("How it misbehaves (SECONDS count from the start unless said otherwise)");
+    add("--reject", device.rejects, isPort, "PORT", "reject the invitations to one port: control or data");
+    app.add_flag("--silent", device.isSilent, "never answer anything");
+    add("--answer-delay", device.answerDelay, CLI::Range(0, 3'600'000), "MS",
+        "answer so many milliseconds late");
+    app.add_flag("--wrong-token", device.hasWrongToken, "accept invitations with a token that is not theirs");
+    add("--bye-after", device.byeAfter, isTime, "SECONDS", "end a session that has run that long");
+    add("--open-after", device.openAfter, isTime, "SECONDS",
+        "announce at once, but open the ports that late");
+    add("--close-after", device.closeAfter, isTime, "SECONDS", "close the ports without a BY");
+    add("--withdraw-after", line.withdrawAfter, isTime, "SECONDS", "withdraw the announcement, nothing else");
+    add("--garbage", device.garbageRate, CLI::Range(0.0, 1e5) & isReal, "R",
+        "send each session R random datagrams a second");
+    app.add_flag("--other-ssrc", device.hasOtherSSRC, "use different SSRCs on the control and the data port");
 }
 
-/// The devices that the command line asks for.
-std::vector<DeviceOptions> devicesOf(CommandLine line) {
-    DeviceOptions& common = line.device;
-    if (common.addresses.empty()) common.addresses.push_back(firstOwnAddress());
-    if (line.count > 1 && common.addresses.size() > 1)
-        throw UsageError("--count goes with one --address only");
-    if (common.play == Play::chords) // whole chords
-        common.messagesPerDatagram =
-            (common.messagesPerDatagram + notesPerChord - 1) / notesPerChord * notesPerChord;
+/// Fills in what the command line leaves to the program.
+///
+/// Errors: throws CLI::ValidationError.
+void complete(CommandLine& line) {
+    DeviceOptions& device = line.device;
+    auto& [name, markerName, addresses, port, report] = device.announcement;
+    for (const std::string& text : line.addresses)
+        addresses.push_back(*IPv4Host::parse(text));
+    if (line.count > 1 && addresses.size() > 1)
+        throw CLI::ValidationError("--count", "goes with one --address only");
+    for (const IPv4Host& host : ownAddresses())
+        if (addresses.empty() && host.bytes[0] != 127) addresses.push_back(host);
+    if (addresses.empty()) addresses.push_back(IPv4Host{{127, 0, 0, 1}});
+    if (markerName.empty()) markerName = name;
+    const std::size_t maxSize = 63 - (line.count > 1 ? 1 + std::to_string(line.count).size() : 0);
+    for (const std::string& each : {name, markerName})
+        if (each.empty() || each.size() > maxSize || !isUTF8(each))
+            throw CLI::ValidationError("--name", "a name has 1 to 63 bytes of UTF-8");
+    if (line.hasNoMarker) markerName.clear();
+    device.startsClock |= device.waitsForClock;
+    if (device.play == Play::chords)
+        device.messagesPerDatagram =
+            (device.messagesPerDatagram + notesPerChord - 1) / notesPerChord * notesPerChord;
+}
 
-    std::vector<DeviceOptions> devices;
-    const std::uint32_t first = numberOf(common.addresses.front());
+void run(const CommandLine& line) {
+    static EventLoop loop; // until the process ends, because a signal may come after the devices have gone
+    for (const int number : {SIGINT, SIGTERM, SIGHUP})
+        std::signal(number, [](int) { loop.stop(); });
+
+    std::list<Device> devices;
+    std::vector<Announcement> announcements;
     for (std::uint32_t i = 0; i < line.count; ++i) {
-        DeviceOptions device = common;
-        std::string suffix;
-        if (line.count > 1) suffix.append(" ").append(std::to_string(i + 1));
-        device.name = nameFrom("--name", common.name + suffix);
-        if (line.marker)
-            device.markerName =
-                line.markerName ? nameFrom("--marker-name", *line.markerName + suffix) : device.name;
-        if (line.count > 1) device.addresses = {hostOf(first + i)};
-        devices.push_back(device);
-    }
-    return devices;
-}
-
-void run(const std::vector<DeviceOptions>& wanted) {
-    asio::io_context context(1);
-    std::vector<std::unique_ptr<Device>> devices;
-    {
-        Announcer announcer;
-        asio::signal_set signals(context, SIGINT, SIGTERM, SIGHUP);
-        signals.async_wait([&](std::error_code, int) { context.stop(); });
-        for (const DeviceOptions& options : wanted) {
-            devices.push_back(std::make_unique<Device>(context, announcer, options));
-            devices.back()->start();
+        DeviceOptions options = line.device;
+        Announcement& announcement = options.announcement;
+        if (line.count > 1) {
+            auto& address = announcement.addresses.front().bytes;
+            address = std::bit_cast<std::array<std::uint8_t, 4>>(
+                htonl(ntohl(std::bit_cast<in_addr_t>(address)) + i));
+            for (std::string* name : {&announcement.name, &announcement.markerName})
+                if (!name->empty()) name->append(" ").append(std::to_string(i + 1));
         }
-        context.run();
-        for (const auto& device : devices)
-            device->sayBye();
+        Device& device = devices.emplace_back(loop, options);
+        // Reports come on the announcer's thread.
+        announcement.report = [&device](const std::string& event) {
+            loop.post([&device, event] { device.print(event); });
+        };
+        announcements.push_back(announcement);
     }
-    for (const auto& device : devices)
-        device->printTotals();
+    std::optional<Announcer> announcer;
+    if (!line.isNotAnnounced) announcer.emplace(std::move(announcements));
+    const auto withdraw = [&] {
+        announcer.reset();
+        for (const Device& device : devices)
+            device.print("announcement withdrawn");
+    };
+    if (line.withdrawAfter) loop.at(EventLoop::Clock::now() + ticks(*line.withdrawAfter), withdraw);
+    loop.run();
+
+    for (Device& device : devices)
+        device.stop();
 }
 
 } // namespace
@@ -286,20 +178,22 @@ void run(const std::vector<DeviceOptions>& wanted) {
 int main(int argc, char** argv) {
     using namespace tessary::device;
     std::signal(SIGPIPE, SIG_IGN);
+    CLI::App app(description, "tessary-device");
+    app.set_help_flag("--help", "print this and exit");
+    app.set_version_flag("--version", "tessary-device " TESSARY_VERSION, "print the version and exit");
+    CommandLine line;
+    addOptions(app, line);
     try {
-        const CommandLine line = parse({argv + 1, argv + argc});
-        if (line.help) {
-            std::fputs(help, stdout);
-            return 0;
-        }
-        run(devicesOf(line));
+        app.parse(argc, argv);
+        complete(line);
+        run(line);
         return 0;
-    } catch (const UsageError& error) {
-        std::fprintf(stderr, "tessary-device: %s (--help explains)\n",
-                     tessary::escapedControls(error.what()).c_str());
-        return 2;
+    } catch (const CLI::Success& request) { // --help or --version
+        return app.exit(request);
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "tessary-device: %s\n", tessary::escapedControls(error.what()).c_str());
-        return 1;
+        const bool isUsage = dynamic_cast<const CLI::ParseError*>(&error);
+        std::fprintf(stderr, "tessary-device: %s%s\n", tessary::escapedControls(error.what()).c_str(),
+                     isUsage ? " (--help explains)" : "");
+        return isUsage ? 2 : 1;
     }
 }

@@ -46,7 +46,7 @@ class EventLoop {
     /// Readable while an event is pending, for an enclosing loop.
     int file() const { return epoll_.file(); }
 
-    /// Runs on: any thread.
+    /// Runs on: any thread, or in a signal handler.
     void stop();
 
     /// Runs `work` on the loop's thread, never inside this call.

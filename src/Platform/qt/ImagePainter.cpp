@@ -2,6 +2,7 @@
 
 #include <QPainter>
 #include <QPainterPath>
+#include <QTransform>
 #include <algorithm>
 
 namespace tessary {
@@ -26,23 +27,30 @@ struct PathBuilder {
 
 } // namespace
 
+QPainterPath outline(const Image& image) {
+    QPainterPath result;
+    for (const Shape& shape : image.draw({{0, 0}, image.width, image.height})) {
+        QPainterPath path;
+        for (const auto& subpath : shape.subpaths)
+            std::visit(PathBuilder{path}, subpath);
+        if (shape.lineWidth > 0) {
+            QPainterPathStroker stroker;
+            stroker.setWidth(shape.lineWidth);
+            path = stroker.createStroke(path);
+        }
+        result.addPath(path);
+    }
+    return QTransform(1, 0, 0, -1, 0, image.height).map(result);
+}
+
 void paint(const Image& image, QPainter& painter, const QRectF& target, const QColor& color) {
     const double scale = std::min(target.width() / image.width, target.height() / image.height);
     painter.save();
     painter.setRenderHint(QPainter::Antialiasing);
     painter.translate(target.center());
-    painter.scale(scale, -scale);
+    painter.scale(scale, scale);
     painter.translate(-image.width / 2, -image.height / 2);
-    for (const Shape& shape : image.draw({{0, 0}, image.width, image.height})) {
-        QPainterPath path;
-        path.setFillRule(Qt::OddEvenFill);
-        for (const auto& subpath : shape.subpaths)
-            std::visit(PathBuilder{path}, subpath);
-        if (shape.lineWidth > 0)
-            painter.strokePath(path, QPen(color, shape.lineWidth));
-        else
-            painter.fillPath(path, color);
-    }
+    painter.fillPath(outline(image), color);
     painter.restore();
 }
 

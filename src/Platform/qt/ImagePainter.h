@@ -5,9 +5,16 @@
 
 class QColor;
 class QPainter;
+class QPainterPath;
 class QRectF;
 
 namespace tessary {
+
+/// The drawing as one path of the image's size, to be filled by the even-odd rule; y grows downward. Outlines
+/// become areas, because panels that recolour a symbolic icon ignore strokes.
+///
+/// Runs on: any thread.
+QPainterPath outline(const Image& image);
 
 /// Draws `image` in one colour, centred in `target` and as large as it fits. Other pixels stay unchanged.
 ///
