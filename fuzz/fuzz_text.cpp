@@ -64,8 +64,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     QString inLog, inLine;
     for (const char32_t c : decoded.toUcs4()) {
         const bool disturbs = endsOrDisturbsALine(c);
-        inLog += disturbs ? escaped(c) : QString::fromUcs4(&c, 1);
-        inLine += disturbs ? QStringLiteral(" ") : QString::fromUcs4(&c, 1);
+        const QString itself = QStringView(QChar::fromUcs4(c)).toString();
+        inLog += disturbs ? escaped(c) : itself;
+        inLine += disturbs ? QStringLiteral(" ") : itself;
     }
     for (const char32_t c : QString::fromStdString(logged).toUcs4())
         require(!endsOrDisturbsALine(c), "one line in the log");

@@ -98,6 +98,15 @@ TEST_F(AppDelegateTest, ObserversAreToldOfWhateverTheMenuShows) {
     EXPECT_FALSE(isTold([&] { time.advance(300ms); }));
 }
 
+// A panel that reads the menu over D-Bus gets no fonts, so test_tray cannot see this.
+TEST_F(AppDelegateTest, ShowsTheLastEventInSmallSecondaryMonospacedText) {
+    launch();
+    appear("iPad", 2);
+    accept();
+    const auto& items = statusBar.menu->open();
+    EXPECT_EQ(items[items.size() - 3].style, (TextStyle{10.0, true, true}));
+}
+
 TEST_F(AppDelegateTest, TerminationEndsTheSessionsAndTouchesNothingElse) {
     delegate->applicationWillTerminate(); // before launch: nothing
     launch();
