@@ -155,15 +155,20 @@ def scale(number):
     return bytes((0x80 if number % 2 else 0x90, note, number % 127 + 1))
 
 
+def exclusive(number, size):
+    """The System Exclusive of the device's tunes that is their message `number`."""
+    head = bytes([0xF0, 0x7D, *(number >> shift & 127 for shift in (21, 14, 7, 0))][:size - 1])
+    return head + bytes((7 * number + k + k // 128) % 128 for k in range(6, size - 1)) + b"\xf7"
+
+
 def mixed(number, size):
     """Message `number` of the device's mixed tune, whose System Exclusive has that size."""
-    count, low = number // 12 % 128, number % 128
-    exclusive = bytes([0xF0, 0x7D, *(number >> shift & 127 for shift in (21, 14, 7, 0))][:size - 1])
-    exclusive += bytes((7 * number + k + k // 128) % 128 for k in range(6, size - 1)) + b"\xf7"
-    velocity = number % 127 + 1
-    return (bytes((0x90, 60, velocity)), bytes((0x80, 60, velocity)), bytes((0xA0, 60, count)), bytes((0xB0, 1, count)),
-            bytes((0xC0, count)), bytes((0xD0, count)), bytes((0xE0, count, low)), bytes((0xF2, count, low)),
-            bytes((0xF3, count)), bytes((0xF1, count)), b"\xf8", exclusive)[number % 12]
+    if number % 12 == 11:
+        return exclusive(number, size)
+    velocity, count, low = number % 127 + 1, number // 12 % 128, number % 128
+    return bytes(((0x90, 60, velocity), (0x80, 60, velocity), (0xA0, 60, count), (0xB0, 1, count), (0xC0, count),
+                  (0xD0, count), (0xE0, count, low), (0xF2, count, low), (0xF3, count), (0xF1, count),
+                  (0xF8,))[number % 12])
 
 
 Packet = collections.namedtuple("Packet", "time destination local remote outgoing command token ssrc name count "
