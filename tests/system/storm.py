@@ -70,7 +70,8 @@ class Path:
                     pass  # the link is down
 
     def _fate(self, frame):
-        if not self._is_disturbing or len(frame) < 42 or frame[12:14] != b"\x08\x00" or frame[23] != socket.IPPROTO_UDP:
+        is_datagram = len(frame) >= 42 and frame[12:14] == b"\x08\x00" and frame[23] == socket.IPPROTO_UDP
+        if not self._is_disturbing or not is_datagram:
             return "forwarded"
         payload = 14 + (frame[14] & 15) * 4 + 8
         if frame[payload:payload + 2] == b"\xff\xff" or self._random.random() >= 0.2:
@@ -116,7 +117,8 @@ def write_as_strangers(addresses):
         session = [b"\xff\xff" + command + struct.pack("!I", 2) + random.randbytes(8) + b"Stranger\0"
                    for command in (b"IN", b"OK", b"NO", b"BY")]
         clock = b"\xff\xffCK" + random.randbytes(4) + bytes((random.randrange(3), 0, 0, 0)) + random.randbytes(24)
-        for datagram in (random.randbytes(50), b"\x80\x61" + random.randbytes(10) + b"\x03\x9f\x01\x01", clock, *session):
+        midi = b"\x80\x61" + random.randbytes(10) + b"\x03\x9f\x01\x01"
+        for datagram in (random.randbytes(50), midi, clock, *session):
             for address in addresses:
                 for port in (CONTROL_PORT, DATA_PORT):
                     try:
