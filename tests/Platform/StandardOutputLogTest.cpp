@@ -23,10 +23,12 @@ class StandardOutputLogTest : public testing::Test {
 
 } // namespace
 
-TEST_F(StandardOutputLogTest, EachLineIsWrittenAtOnceAndIsOneLine) {
+TEST_F(StandardOutputLogTest, EachLineIsWrittenAtOnceAndOnceAndIsOneLine) {
     StandardOutputLog log(files[1]);
-    log.line("dialing evil\nname");
-    EXPECT_EQ(read(), "dialing evil\\nname\n");
+    for (const std::string line : {"first", "second", "third"}) {
+        log.line(line + " device\nof an evil name");
+        EXPECT_EQ(read(), line + " device\\nof an evil name\n");
+    }
 }
 
 TEST_F(StandardOutputLogTest, AReaderThatStallsBlocksNeitherLinesNorTheEndAndLosesWholeLinesOnly) {

@@ -1,4 +1,4 @@
-"""One device and one program: from the announcement to the notes, in the log, on the wire and at a JACK client."""
+"""One device and one program: from the announcement to the notes, in the log, in the packets and at a JACK client."""
 import re
 import shutil
 import signal
@@ -37,18 +37,14 @@ class OneDevice(SystemTest):
         capture = Capture(self, self.desk, ADDRESS)
         program = Program(self, self.desk)
         receiver = jack.receiver()
-        device = self.device(self.stage, "--name", NAME, "--address", ADDRESS, "--rate", 1000, "--messages", 5000,
+        # The notes last until the second heartbeat has been sent.
+        device = self.device(self.stage, "--name", NAME, "--address", ADDRESS, "--rate", 1000, "--messages", 2500,
                              "--wait-for-clock")
-        device.wait_for("played 5000 messages", 20)
-        receiver.wait_for_messages(5000)
-        self.assertNotes(receiver, 5000)
-
-        until_third_decade = 22  # the heartbeats come 1, 2, 3, 4, 5, 15 and 25 seconds after the session runs
-        with self.assertRaises(AssertionError):
-            device.wait_for(r"bye from", until_third_decade)
+        receiver.wait_for_messages(2500)
+        self.assertNotes(receiver, 2500)
         log = program.terminate()
-        device.wait_for(r"bye from .*\(control\)")
-        device.wait_for(r"bye from .*\(data\)")
+        for port in ("control", "data"):
+            device.wait_for(rf"bye from .*\({port}\)")
         self.assertPackets(capture.packets(), self.assertLog(log), program.preferences["TessaryLink.localSSRC.v1"])
 
     def assertPackets(self, packets, tokens, ssrc):
@@ -62,9 +58,8 @@ class OneDevice(SystemTest):
         for command, outgoing in (("IN", True), ("OK", False), ("BY", True)):
             found = [packet for packet in packets if packet.command == command and packet.outgoing == outgoing]
             self.assertEqual([(packet.local, packet.remote, packet.token) for packet in found], both, command)
-            if command != "BY":
-                names = {"IN": "Tessary Link", "OK": NAME}
-                self.assertEqual([packet.name for packet in found], 2 * [names[command]])
+            name = {"IN": "Tessary Link", "OK": NAME, "BY": ""}[command]
+            self.assertEqual([packet.name for packet in found], [name, name])
         self.assertEqual([packet.command for packet in sent][-2:], ["BY", "BY"])
 
         clock = [packet for packet in packets if packet.command == "CK"]
@@ -82,21 +77,19 @@ class OneDevice(SystemTest):
         self.assertEqual([(packet.t1, packet.t3) for packet in replies], [(packet.t1, 0) for packet in theirs])
 
         started = completions[0].time
-        for packet, due in zip(own[1:], (1, 2, 3, 4, 5, 15, 25), strict=True):
+        self.assertGreaterEqual(len(own), 3)
+        for due, packet in enumerate(own[1:3], 1):
             self.assertAlmostEqual(packet.time - started, due, delta=0.15)
-            # Units of 100 microseconds.
-            self.assertAlmostEqual((packet.t1 - completions[0].t3) / 10_000, due, delta=0.15)
+            self.assertAlmostEqual((packet.t1 - completions[0].t3) / 10_000, due, delta=0.15)  # units of 100 µs
 
-    def test_each_way_of_being_asked_to_end(self):
-        for number in (signal.SIGINT, signal.SIGHUP, signal.SIGTERM):
-            device = self.device(self.stage, "--name", NAME, "--play", "nothing")
+    def test_each_signal_ends_the_sessions(self):
+        device = self.device(self.stage, "--name", NAME, "--play", "nothing")
+        for times, number in enumerate((signal.SIGINT, signal.SIGHUP, signal.SIGTERM), 1):
             program = Program(self, self.desk)
             program.wait_for(" running$")
-            program.wait_for(r"\] running with ")
-            self.assertLog([line for line in program.terminate(number) if "[CoreMIDI]" not in line])
+            program.terminate(number)
             for port in ("control", "data"):
-                device.wait_for(rf"bye from .*\({port}\)")
-            device.end()
+                device.wait_for(rf"bye from .*\({port}\)", times=times)
 
     def test_an_independent_participant(self):
         package = BUILD / "node_modules/rtpmidi/package.json"
@@ -113,7 +106,7 @@ class OneDevice(SystemTest):
         receiver = jack.receiver()
         peer = Process(self, ["node", ROOT / "tools/lab/rtpmidi_peer.js", package.parent, 5104, 200], self.stage)
         peer.wait_for("^listening")
-        # It has the ports; the announcement of both services is for this device to make.
+        # This device announces both services; the participant has the ports.
         self.device(self.stage, "--name", "Other", "--address", ADDRESS, "--port", 5104, "--open-after", 3600)
         program.wait_for(f"^.Dialer. {ADDRESS} running$")
         peer.wait_for("^played 200$", 20)

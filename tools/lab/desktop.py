@@ -118,7 +118,7 @@ class Desktop:
             raise LookupError(result.stderr.strip())
         return json.loads(result.stdout)["data"] if result.stdout.strip() else None
 
-    def _item(self):
+    def item(self):
         """Bus name and path of the program's item, as registered with the watcher."""
         try:
             items = self._busctl("get-property", WATCHER, "/StatusNotifierWatcher", WATCHER,
@@ -128,7 +128,7 @@ class Desktop:
         return (items[0][:items[0].index("/")], items[0][items[0].index("/"):]) if items else None
 
     def wait_for_item(self, timeout=10):
-        return until(self._item, timeout, "the item is registered")
+        return until(self.item, timeout, "the item is registered")
 
     def item_property(self, name):
         service, path = self.wait_for_item()
@@ -191,8 +191,12 @@ class Desktop:
             shutil.copy(path, folder)
         return Screenshot(path)
 
+    def move_pointer(self, x, y):
+        self.run("xdotool", "mousemove", str(x), str(y))
+
     def click(self, x, y, button):
-        self.run("xdotool", "mousemove", str(x), str(y), "click", str(button))
+        self.move_pointer(x, y)
+        self.run("xdotool", "click", str(button))
 
     def press(self, key):
         self.run("xdotool", "key", key)
