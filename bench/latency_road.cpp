@@ -38,18 +38,8 @@ int main(int argc, char** argv) {
     // It only keeps the states, and so may run on the network thread too.
     const auto mainQueue = network.makeQueue("main");
     const SystemClock clock;
-    const Platform platform{machine.application,
-                            *mainQueue,
-                            network,
-                            machine.serviceDiscovery,
-                            output,
-                            machine.preferences,
-                            machine.statusBar,
-                            machine.loginService,
-                            clock,
-                            machine.random,
-                            machine.text,
-                            machine.log};
+    const Platform platform = machine.platform(
+        {.mainQueue = mainQueue.get(), .network = &network, .midiOutput = &output, .clock = &clock});
     CoreMIDIBridge bridge(platform);
     std::vector<std::shared_ptr<RTPMIDISession>> sessions;
     mainQueue->post([&] {
