@@ -38,18 +38,8 @@ int main(int argc, char** argv) {
     // The main queue only stores session states here, so it may run on the network thread.
     const auto mainQueue = network.makeQueue("main");
     const SystemClock clock;
-    const Platform platform{machine.application,
-                            *mainQueue,
-                            network,
-                            machine.serviceDiscovery,
-                            output,
-                            machine.preferences,
-                            machine.statusBar,
-                            machine.loginService,
-                            clock,
-                            machine.random,
-                            machine.text,
-                            machine.log};
+    const Platform platform = machine.platform(
+        {.mainQueue = mainQueue.get(), .network = &network, .midiOutput = &output, .clock = &clock});
     CoreMIDIBridge bridge(platform);
     std::vector<std::shared_ptr<RTPMIDISession>> sessions;
     mainQueue->post([&] {

@@ -23,19 +23,7 @@ void measure(const char* name, const Bytes& datagram) {
     FakeMachine machine;
     NullOutput output;
     const SystemClock clock;
-    const Platform platform{machine.application,
-                            *machine.mainQueue,
-                            machine.network,
-                            machine.serviceDiscovery,
-                            output,
-                            machine.preferences,
-                            machine.statusBar,
-                            machine.loginService,
-                            clock,
-                            machine.random,
-                            machine.text,
-                            machine.log};
-    CoreMIDIBridge bridge(platform);
+    CoreMIDIBridge bridge(machine.platform({.midiOutput = &output, .clock = &clock}));
     std::vector<double> runs;
     for (int run = 0; run < 21; ++run) {
         output.published = 0;

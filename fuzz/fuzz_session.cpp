@@ -1,8 +1,8 @@
-// The dialer, its sessions and the discovery on a machine of fakes: peers come, go, answer, play and lie, the
-// main thread is busy or not, and somebody plays with the menu.
+// The dialer, its sessions and the discovery on a machine of fakes: peers come, go, answer and send anything,
+// threads are held back, connections fail, and the user uses the menu.
 #include "Reader.h"
 #include "Require.h"
-#include "support/ObservedMachine.h"
+#include "support/World.h"
 
 #include <array>
 
@@ -13,250 +13,137 @@ using fuzz::require;
 
 namespace {
 
-constexpr std::array<const char*, 2> types{"_apple-midi._udp", "_tessarylink._tcp"};
-const std::array<std::string, 4> names{"iPad", "] → [10.0.0.9", "a\nb", ""};
-const std::array<std::string, 4> addresses{"10.0.0.2", "10.0.0.12", "10.0.0.3", "0.0.0.0"};
+std::shared_ptr<FakeConnection> connection(const World& world, std::uint8_t index) {
+    std::vector<std::shared_ptr<FakeConnection>> open;
+    for (const auto& journal : world.network.journals)
+        if (journal->isOpen()) open.push_back(journal->connection.lock());
+    return open.empty() ? nullptr : open[index % open.size()];
+}
 
-struct World : ObservedMachine {
-    std::shared_ptr<PeerDiscovery> discovery = std::make_shared<PeerDiscovery>(platform());
-    std::shared_ptr<CoreMIDIBridge> bridge = std::make_shared<CoreMIDIBridge>(platform());
-    std::shared_ptr<RTPMIDIDialer> dialer;
-    Bytes arriving; ///< the datagram of a data port that is being handled
-    bool isSumStale = false;
-    std::size_t messagesSeen = 0;
+Bytes sessionPacket(std::uint8_t kind, std::uint32_t token, Reader& input) {
+    using P = AppleMIDIPacket;
+    const std::uint8_t count = kind % 6 == 4 ? input.byte() : std::uint8_t{1};
+    const std::array<P, 6> packets{{{P::Accept{token, 7, "iPad"}},
+                                    {P::ClockSync{7, count, 2, 3, 4}},
+                                    {P::Bye{token, 7}},
+                                    {P::Reject{token, 7, ""}},
+                                    {P::ClockSync{7, count, 2, 3, 4}},
+                                    {P::Invitation{token, 7, "iPad"}}}};
+    return packets[kind % 6].encode();
+}
 
-    World() {
-        discovery->start();
-        dialer = RTPMIDIDialer::make(platform(), discovery, bridge, "Tessary Link");
-        midiOutput.duringPublish = [this] { checkPublished(midiOutput.messages.back()); };
+/// A session packet, one that is cut and changed, MIDI, or anything.
+Bytes datagram(const Journal& to, std::uint8_t kind, Reader& input) {
+    const auto& tokens = to.invitations;
+    if (kind < 96) return sessionPacket(kind, tokens.empty() ? 0 : tokens.back(), input);
+    if (kind < 128) {
+        Bytes packet = sessionPacket(kind, tokens.empty() ? 0 : tokens.front(), input);
+        packet.resize(input.byte() % 64);
+        const std::size_t at = input.byte();
+        if (at < packet.size()) packet[at] = input.byte();
+        return packet;
     }
+    if (kind >= 192) return input.bytes();
+    Bytes midi{0x80, 0x61, 0, input.byte(), 0, 0, 0, 0, 0, 0, 0, 7};
+    const Bytes list = input.bytes();
+    midi.push_back(static_cast<std::uint8_t>(0x80 | (kind & 0x30)));
+    midi.push_back(static_cast<std::uint8_t>(list.size()));
+    midi.insert(midi.end(), list.begin(), list.end());
+    return midi;
+}
 
-    /// Every message stands in the list, but for a status byte that still runs and the joints of System
-    /// Exclusive.
-    void checkPublished(const Bytes& message) const {
-        const auto holds = [&](auto begin, auto end) {
-            return std::search(arriving.begin(), arriving.end(), begin, end) != arriving.end();
-        };
-        require(message.at(0) >= 0x80, "a message starts with a status byte");
-        if (message[0] == 0xF0) {
-            const auto inner = [](std::uint8_t byte) { return byte < 0x80; };
-            require(message.size() >= 2 && message.back() == 0xF7, "System Exclusive is whole");
-            require(std::all_of(message.begin() + 1, message.end() - 1, inner), "and holds data alone");
-            return;
-        }
-        require(message.size() <= 3 && holds(message.begin() + 1, message.end()),
-                "its data stand in the list");
-    }
+void peerSends(World& world, Reader& input) {
+    const auto to = connection(world, input.byte());
+    const std::uint8_t kind = input.byte();
+    if (!to) return;
+    to->deliver(datagram(*to->journal, kind, input));
+    world.time.run();
+}
 
-    std::shared_ptr<JournaledConnection> connection(std::uint8_t index) const {
-        std::vector<std::shared_ptr<JournaledConnection>> open;
-        for (const auto& journal : journaled.journals)
-            if (const auto each = journal->connection.lock(); each && !journal->isCancelled)
-                open.push_back(std::static_pointer_cast<JournaledConnection>(each));
-        return open.empty() ? nullptr : open[index % open.size()];
-    }
+void connectionReports(World& world, Reader& input) {
+    const auto of = connection(world, input.byte());
+    const std::uint8_t kind = input.byte() % 4;
+    if (!of) return;
+    if (kind == 3) return of->deliver(Bytes{}, std::make_error_code(std::errc::io_error));
+    of->journal->queue->post([weak = std::weak_ptr(of), kind] {
+        const auto existing = weak.lock();
+        if (!existing) return;
+        if (kind == 0) existing->becomeReady();
+        if (kind == 1) existing->fail(std::errc::address_in_use);
+        if (kind == 2) existing->failSend(std::errc::network_unreachable);
+    });
+}
 
-    void deliver(const std::shared_ptr<JournaledConnection>& to, const Bytes& datagram) {
-        if (!to) return;
-        to->journal->queue->post([this, datagram] { arriving = datagram; });
-        to->deliver(datagram);
-    }
+/// The lowest bits choose what is listed, the highest the type of service.
+void browserSees(World& world, Reader& input) {
+    const std::array<std::string, 4> names{"iPad", "] → [10.0.0.9", "a\nb", ""};
+    const std::uint8_t seen = input.byte();
+    std::vector<std::string> listed;
+    for (std::size_t i = 0; i < names.size(); ++i)
+        if (seen >> i & 1) listed.push_back(names[i]);
+    world.serviceDiscovery.browser(seen >> 7 ? "_tessarylink._tcp" : "_apple-midi._udp").see(listed);
+}
 
-    static Bytes sessionPacket(std::uint8_t kind, std::uint32_t token, Reader& input) {
-        using P = AppleMIDIPacket;
-        switch (kind % 6) {
-        case 0:
-            return P{P::Accept{token, 7, "iPad"}}.encode();
-        case 1:
-            return P{P::ClockSync{7, 1, 2, 3, 4}}.encode();
-        case 2:
-            return P{P::Bye{token, 7}}.encode();
-        case 3:
-            return P{P::Reject{token, 7, ""}}.encode();
-        case 4:
-            return P{P::ClockSync{7, input.byte(), 2, 3, 4}}.encode();
-        default:
-            return P{P::Invitation{token, 7, "iPad"}}.encode();
-        }
-    }
+void resolverEnds(World& world, Reader& input) {
+    constexpr std::array<const char*, 4> addresses{"10.0.0.2", "10.0.0.12", "10.0.0.3", "0.0.0.0"};
+    constexpr std::array<int, 8> ports{5004, 5004, 5004, 5006, 65535, 0, -1, 70'000};
+    const std::uint8_t index = input.byte(), kind = input.byte();
+    std::vector<std::shared_ptr<FakeResolver>> waiting;
+    for (const auto& resolver : world.serviceDiscovery.resolvers)
+        if (!resolver->isStopped) waiting.push_back(resolver);
+    if (waiting.empty()) return;
+    const auto resolver = waiting[index % waiting.size()];
+    if (kind >= 160 && kind < 192) return resolver->fail("timed out");
+    std::vector<std::string> found;
+    if (kind < 160) found.push_back(addresses[kind % 4]);
+    resolver->succeed(found, ports[kind / 4 % 8]);
+}
 
-    void peerActs(Reader& input) {
-        const auto to = connection(input.byte());
-        const std::uint8_t kind = input.byte();
-        if (!to) return;
-        const auto& tokens = to->journal->invitations;
-        if (kind < 96) {
-            deliver(to, sessionPacket(kind, tokens.empty() ? 0 : tokens.back(), input));
-        } else if (kind < 128) {
-            Bytes packet = sessionPacket(kind, tokens.empty() ? 0 : tokens.front(), input);
-            packet.resize(input.byte() % 64);
-            const std::size_t at = input.byte();
-            if (at < packet.size()) packet[at] = input.byte();
-            deliver(to, packet);
-        } else if (kind < 192) {
-            Bytes midi{0x80, 0x61, 0, input.byte(), 0, 0, 0, 0, 0, 0, 0, 7};
-            const Bytes list = input.bytes();
-            midi.insert(midi.end(), {static_cast<std::uint8_t>(0x80 | (kind & 0x30)),
-                                     static_cast<std::uint8_t>(list.size())});
-            midi.insert(midi.end(), list.begin(), list.end());
-            deliver(to, midi);
-        } else {
-            deliver(to, input.bytes());
-        }
-    }
+void userChooses(World& world, std::uint8_t kind) {
+    if (kind % 4 == 0) world.reconnect();
+    if (kind % 4 == 2) world.shutDown();
+    if (kind % 2 == 1) world.setAutoConnect(kind % 4 == 3);
+}
 
-    void connectionActs(Reader& input) {
-        const auto of = connection(input.byte());
-        const std::uint8_t kind = input.byte();
-        if (!of) return;
-        if (kind % 4 == 3) return of->deliver(Bytes{}, std::make_error_code(std::errc::io_error));
-        of->journal->queue->post([weak = std::weak_ptr(of), kind] {
-            const auto still = weak.lock();
-            if (!still) return;
-            if (kind % 4 == 0) still->becomeReady();
-            if (kind % 4 == 1) still->fail(std::errc::address_in_use);
-            if (kind % 4 == 2) still->failSend(std::errc::network_unreachable);
-        });
-    }
+void holdQueue(World& world, std::uint8_t index, bool isHeld) {
+    const auto of = connection(world, index);
+    if (!of) return;
+    isHeld ? of->journal->queue->holdBack() : of->journal->queue->release();
+}
 
-    void browserSees(Reader& input) {
-        const std::uint8_t seen = input.byte();
-        std::vector<std::string> listed;
-        for (std::size_t i = 0; i < names.size(); ++i)
-            if (seen >> i & 1) listed.push_back(names[i]);
-        serviceDiscovery.browser(types[seen >> 7]).see(listed);
-    }
+void expect(const std::string& wrong) {
+    require(wrong.empty(), wrong);
+}
 
-    void resolverEnds(Reader& input) {
-        const std::uint8_t index = input.byte(), kind = input.byte();
-        std::vector<std::shared_ptr<FakeResolver>> waiting;
-        for (const auto& resolver : serviceDiscovery.resolvers)
-            if (!resolver->isStopped) waiting.push_back(resolver);
-        if (waiting.empty()) return;
-        const auto resolver = waiting[index % waiting.size()];
-        constexpr std::array<int, 8> ports{5004, 5004, 5004, 5006, 65535, 0, -1, 70'000};
-        const int port = ports[kind / 4 % 8];
-        if (kind < 160)
-            resolver->succeed({addresses[kind % 4]}, port);
-        else if (kind < 192)
-            resolver->fail("timed out");
-        else
-            resolver->succeed({}, port);
-    }
-
-    void menuActs(std::uint8_t kind) {
-        switch (kind % 4) {
-        case 0:
-            dialer->reconnectNow();
-            isSumStale = isSumStale || !*dialer->autoConnectEnabled();
-            break;
-        case 1:
-            dialerLog.mayDial = false;
-            dialer->setAutoConnectEnabled(false);
-            break;
-        case 2:
-            dialer->shutdownAll();
-            dialerLog.sessions.clear();
-            isSumStale = true;
-            break;
-        default:
-            dialerLog.mayDial = true;
-            dialer->setAutoConnectEnabled(true);
-            isSumStale = false;
-        }
-    }
-
-    void act(Reader& input) {
-        switch (input.byte() % 16) {
-        case 0:
-            return mainQueue->holdBack();
-        case 1:
-            return mainQueue->release();
-        case 2:
-            mainQueue->runOne();
-            return;
-        case 3:
-            return menuActs(input.byte());
-        case 4:
-            return browserSees(input);
-        case 5:
-            return resolverEnds(input);
-        case 6:
-            return connectionActs(input);
-        case 7:
-            if (const auto of = connection(input.byte())) queueOf(*of).holdBack();
-            return;
-        case 8:
-            if (const auto of = connection(input.byte())) queueOf(*of).release();
-            return;
-        case 9:
-            return time.advance(std::chrono::milliseconds(10 * input.byte()));
-        case 10:
-            return comeToRest();
-        case 11:
-            time.calendar -= std::chrono::minutes(input.byte());
-            return;
-        case 12:
-            journaled.isReadyByItself = input.byte() % 4 != 0;
-            return;
-        default:
-            peerActs(input);
-            return time.run();
-        }
-    }
-    static VirtualTime::VirtualQueue& queueOf(const JournaledConnection& connection) {
-        return static_cast<VirtualTime::VirtualQueue&>(*connection.journal->queue);
-    }
-
-    void releaseAll() {
-        mainQueue->release();
-        for (const auto& journal : journaled.journals)
-            static_cast<VirtualTime::VirtualQueue&>(*journal->queue).release();
-    }
-    void comeToRest() {
-        releaseAll();
-        time.advance(1500ms);
-        if (*dialer->autoConnectEnabled()) isSumStale = false;
-        const std::string wrong = wrongAtRest(*dialer, *discovery);
-        require(wrong.empty(), wrong);
-    }
-    void check() const {
-        std::string wrong = wrongNow();
-        if (wrong.empty() && !isSumStale) wrong = wrongSum(*dialer, *discovery);
-        require(wrong.empty(), wrong);
-    }
-
-    /// Everything is said, closed and silent once the dialer is let go.
-    void end() {
-        comeToRest();
-        dialer.reset();
-        const std::size_t lines = dialerLog.lines.size(), messages = midiOutput.messages.size();
-        for (const auto& journal : journaled.journals) {
-            if (const auto last = journal->connection.lock()) {
-                last->becomeReady();
-                last->deliver(AppleMIDIPacket{AppleMIDIPacket::Bye{1, 7}});
-                last->deliver(Bytes{0x80, 0x61, 0, 1, 0, 0, 0, 0, 0, 0, 0, 7, 3, 0x90, 0x3C, 0x64});
-            }
-        }
-        time.advance(1500ms);
-        for (const auto& journal : journaled.journals)
-            require(!journal->isOpen() && journal->isInvited() == journal->isEnded(),
-                    "every session has ended");
-        require(wrongNow().empty(), wrongNow());
-        require(dialerLog.lines.size() == lines, "no report after release");
-        require(midiOutput.messages.size() == messages, "no message after release");
-    }
-};
+constexpr std::array<void (*)(World&, Reader&), 16> actions{
+    [](World& world, Reader&) { world.mainQueue->holdBack(); },
+    [](World& world, Reader&) { world.mainQueue->release(); },
+    [](World& world, Reader&) { world.mainQueue->runOne(); },
+    [](World& world, Reader& input) { userChooses(world, input.byte()); },
+    browserSees,
+    resolverEnds,
+    connectionReports,
+    [](World& world, Reader& input) { holdQueue(world, input.byte(), true); },
+    [](World& world, Reader& input) { holdQueue(world, input.byte(), false); },
+    [](World& world, Reader& input) { world.time.advance(input.byte() * 10ms); },
+    [](World& world, Reader&) { expect(world.wrongAtRest()); },
+    [](World& world, Reader& input) { world.time.calendar -= input.byte() * 1min; },
+    [](World& world, Reader& input) { world.network.isReadyByItself = input.byte() % 4 != 0; },
+    peerSends,
+    peerSends,
+    peerSends};
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     World world;
+    world.startDialer();
     Reader input(data, size);
     while (!input.isEmpty()) {
-        world.act(input);
-        world.check();
+        actions[input.byte() % actions.size()](world, input);
+        expect(world.wrongNow());
     }
-    world.end();
+    expect(world.wrongAtRest());
+    expect(world.wrongAfterRelease());
     return 0;
 }

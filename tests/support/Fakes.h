@@ -28,11 +28,15 @@ namespace tessary::test {
 using Bytes = std::vector<std::uint8_t>;
 
 struct FakeLog : Log {
-    void line(std::string_view text) override { lines.emplace_back(text); }
+    void line(std::string_view text) override {
+        lines.emplace_back(text);
+        if (observer) observer(text);
+    }
     std::size_t count(const std::string& line) const {
         return static_cast<std::size_t>(std::count(lines.begin(), lines.end(), line));
     }
     std::vector<std::string> lines;
+    std::function<void(std::string_view)> observer;
 };
 
 /// Draws 1, 2, 3, … so that tokens can be told apart.
@@ -102,6 +106,23 @@ struct FakeMIDIOutput : MIDIOutput {
 };
 
 class FakeNetwork;
+class FakeConnection;
+
+/// What happened on one connection; outlives it.
+struct Journal {
+    std::weak_ptr<FakeConnection> connection;
+    std::string ip;
+    std::uint16_t localPort = 0;
+    std::shared_ptr<VirtualTime::VirtualQueue> queue; ///< its session's
+    std::vector<std::uint32_t> invitations, byes;     ///< tokens
+    std::size_t number = 0;                           ///< counts the network's connections
+    std::size_t numberAtBye = 0;                      ///< of the network's next connection, at the first BY
+    bool isSentAfterBye = false;
+
+    bool isOpen() const;
+    bool isInvited() const { return !invitations.empty(); }
+    bool isEnded() const { return !byes.empty(); }
+};
 
 /// A connection that becomes ready as soon as its queue runs, unless the network says otherwise.
 class FakeConnection : public UDPConnection, public std::enable_shared_from_this<FakeConnection> {
@@ -115,9 +136,7 @@ class FakeConnection : public UDPConnection, public std::enable_shared_from_this
 
     void setHandlers(UDPHandlers handlers) override { handlers_ = std::move(handlers); }
     void start(const std::shared_ptr<TimerQueue>& queue) override;
-    void send(std::span<const std::uint8_t> datagram) override {
-        sent.emplace_back(datagram.begin(), datagram.end());
-    }
+    void send(std::span<const std::uint8_t> datagram) override;
     void cancel() override {
         isCancelled = true;
         handlers_ = {};
@@ -141,6 +160,8 @@ class FakeConnection : public UDPConnection, public std::enable_shared_from_this
         });
     }
     void deliver(const AppleMIDIPacket& packet) { deliver(packet.encode()); }
+    /// The peer accepts the last invitation.
+    void accept() { deliver({AppleMIDIPacket::Accept{journal->invitations.back(), 7, "iPad"}}); }
 
     /// The packets of one kind that were sent here.
     template <typename Kind>
@@ -162,6 +183,7 @@ class FakeConnection : public UDPConnection, public std::enable_shared_from_this
     std::shared_ptr<TimerQueue> queue_;
 
   public:
+    const std::shared_ptr<Journal> journal = std::make_shared<Journal>();
     const std::optional<std::uint16_t> localPort;
     const IPv4Host host;
     const std::uint16_t remotePort;
@@ -186,19 +208,27 @@ class FakeNetwork : public UDPNetwork {
     std::shared_ptr<UDPConnection> makeConnection(std::optional<std::uint16_t> localPort, IPv4Host host,
                                                   std::uint16_t remotePort) override {
         auto connection = std::make_shared<FakeConnection>(*this, localPort, host, remotePort);
+        Journal& journal = *connection->journal;
+        journal.connection = connection;
+        journal.ip = host.text();
+        journal.localPort = localPort.value_or(0);
+        journal.number = nextNumber++;
         made.push_back(connection);
+        journals.push_back(connection->journal);
         return connection;
     }
 
-    /// The newest connection from this local port, still there or not known any more.
-    std::shared_ptr<FakeConnection> newest(std::uint16_t localPort) const {
-        for (auto weak = made.rbegin(); weak != made.rend(); ++weak)
-            if (const auto connection = weak->lock(); connection && connection->localPort == localPort)
-                return connection;
+    /// The newest connection from this local port that still exists, to this address or to any.
+    std::shared_ptr<FakeConnection> newest(std::uint16_t localPort, const std::string& ip = {}) const {
+        for (auto each = journals.rbegin(); each != journals.rend(); ++each)
+            if ((*each)->localPort == localPort && (ip.empty() || (*each)->ip == ip))
+                if (const auto connection = (*each)->connection.lock()) return connection;
         return nullptr;
     }
 
     std::vector<std::weak_ptr<FakeConnection>> made;
+    std::vector<std::shared_ptr<Journal>> journals; ///< of all that were made
+    std::size_t nextNumber = 0;
     std::vector<std::string> labels;
     std::shared_ptr<VirtualTime::VirtualQueue> lastQueue;
     bool isReadyByItself = true;
@@ -208,9 +238,28 @@ class FakeNetwork : public UDPNetwork {
     std::shared_ptr<VirtualTime::VirtualQueue> background_;
 };
 
+inline bool Journal::isOpen() const {
+    const auto existing = connection.lock();
+    return existing && !existing->isCancelled;
+}
+
+inline void FakeConnection::send(std::span<const std::uint8_t> datagram) {
+    sent.emplace_back(datagram.begin(), datagram.end());
+    if (journal->isEnded()) journal->isSentAfterBye = true;
+    const auto packet = AppleMIDIPacket::decode(datagram);
+    if (!packet) return;
+    if (const auto* invitation = std::get_if<AppleMIDIPacket::Invitation>(&packet->value))
+        journal->invitations.push_back(invitation->token);
+    if (const auto* bye = std::get_if<AppleMIDIPacket::Bye>(&packet->value)) {
+        if (!journal->isEnded()) journal->numberAtBye = network_.nextNumber;
+        journal->byes.push_back(bye->token);
+    }
+}
+
 inline void FakeConnection::start(const std::shared_ptr<TimerQueue>& queue) {
     isStarted = true;
     queue_ = queue;
+    journal->queue = std::static_pointer_cast<VirtualTime::VirtualQueue>(queue);
     if (!network_.isReadyByItself) return;
     queue_->post([weak = weak_from_this()] {
         if (const auto self = weak.lock()) self->becomeReady();
@@ -393,6 +442,16 @@ struct FakeLoginService : LoginService {
     int calls = 0;
 };
 
+/// The parts of a `Platform` that a test brings itself; the others are fakes.
+struct OwnParts {
+    TimerQueue* mainQueue = nullptr;
+    UDPNetwork* network = nullptr;
+    ServiceDiscovery* serviceDiscovery = nullptr;
+    MIDIOutput* midiOutput = nullptr;
+    Preferences* preferences = nullptr;
+    const Clock* clock = nullptr;
+};
+
 /// A whole machine of fakes.
 struct FakeMachine {
     VirtualTime time;
@@ -408,11 +467,55 @@ struct FakeMachine {
     FakeLoginService loginService;
     FakeText text;
 
-    Platform platform() { return platform(serviceDiscovery); }
-    Platform platform(ServiceDiscovery& discovery) {
-        return {application, *mainQueue,   network, discovery, midiOutput, preferences,
-                statusBar,   loginService, time,    random,    text,       log};
+    Platform platform(const OwnParts& own = {}) {
+        const auto choose = [](auto* given, auto& fake) -> auto& {
+            return given ? *given : fake;
+        };
+        return {.application = application,
+                .mainQueue = choose(own.mainQueue, *mainQueue),
+                .network = choose(own.network, network),
+                .serviceDiscovery = choose(own.serviceDiscovery, serviceDiscovery),
+                .midiOutput = choose(own.midiOutput, midiOutput),
+                .preferences = choose(own.preferences, preferences),
+                .statusBar = statusBar,
+                .loginService = loginService,
+                .clock = choose(own.clock, time),
+                .random = random,
+                .text = text,
+                .log = log};
     }
+
+    /// A device appears at an address, or shows itself with another name or port.
+    void appear(const std::string& ip, const std::string& name = "iPad", int port = 5004) {
+        for (const std::string type : {"_apple-midi._udp", "_tessarylink._tcp"}) {
+            disappear(name, type);
+            visible_[type].insert(name);
+            browse(type);
+            serviceDiscovery.resolver(type, name)->succeed({ip}, port);
+        }
+        time.run();
+    }
+    void disappear(const std::string& name = "iPad", const std::string& type = "_apple-midi._udp") {
+        if (visible_[type].erase(name) == 1) browse(type);
+    }
+
+    /// The device at this address accepts both invitations and answers the clock: its session runs.
+    void accept(const std::string& ip) {
+        network.newest(51204, ip)->accept();
+        time.run();
+        const auto data = network.newest(51205, ip);
+        data->accept();
+        data->deliver({AppleMIDIPacket::ClockSync{7, 1, 0, 0, 0}});
+        time.run();
+    }
+
+  private:
+    void browse(const std::string& type) {
+        const auto& names = visible_[type];
+        serviceDiscovery.browser(type).see({names.begin(), names.end()});
+        time.run();
+    }
+    std::map<std::string, std::set<std::string>> visible_; ///< names, by type
 };
 
 } // namespace tessary::test

@@ -13,23 +13,12 @@
 
 namespace tessary::test {
 
-/// The whole road of a MIDI message, from the network thread to `output`. The main queue is a fake that runs
+/// The whole path of a MIDI message, from the network thread to `output`. The main queue is a fake that runs
 /// on the test's thread.
 class LiveSession {
   public:
     explicit LiveSession(MIDIOutput& output)
-        : platform_{machine_.application,
-                    *machine_.mainQueue,
-                    network_,
-                    machine_.serviceDiscovery,
-                    output,
-                    machine_.preferences,
-                    machine_.statusBar,
-                    machine_.loginService,
-                    clock_,
-                    machine_.random,
-                    machine_.text,
-                    machine_.log}
+        : platform_(machine_.platform({.network = &network_, .midiOutput = &output, .clock = &clock_}))
         , bridge_(platform_) {
         while (!data_) { // the two ports of a peer are neighbours
             try {

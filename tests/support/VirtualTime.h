@@ -32,7 +32,8 @@ class VirtualTime : public Clock {
     /// Lets `duration` pass, stopping at each timer on the way.
     void advance(std::chrono::nanoseconds duration);
 
-    std::chrono::nanoseconds elapsed() const { return elapsed_; }
+    /// No queue is held back any more.
+    void releaseAll();
 
     /// The calendar time at which the clock started: 16 November 2026, 21:08:03 UTC. A test may set it back.
     std::chrono::system_clock::time_point calendar{1794863283s};
@@ -52,6 +53,7 @@ class VirtualTime::VirtualQueue : public TimerQueue, public std::enable_shared_f
     void post(std::function<void()> work) override { posted_.push_back(std::move(work)); }
 
     std::shared_ptr<Timer> makeTimer(std::function<void(Timer&)> handler) override {
+        std::erase_if(timers_, [](const auto& weak) { return weak.expired(); });
         auto timer = std::make_shared<VirtualTimer>(time_, std::move(handler));
         timers_.push_back(timer);
         return timer;
@@ -127,7 +129,6 @@ class VirtualTime::VirtualQueue : public TimerQueue, public std::enable_shared_f
 
     /// The timer of this queue that is due first.
     std::shared_ptr<VirtualTimer> nextTimer() {
-        std::erase_if(timers_, [](const auto& weak) { return weak.expired(); });
         std::shared_ptr<VirtualTimer> next;
         for (const auto& weak : timers_)
             if (auto timer = weak.lock(); timer && (!next || timer->due < next->due)) next = timer;
@@ -142,14 +143,14 @@ class VirtualTime::VirtualQueue : public TimerQueue, public std::enable_shared_f
 };
 
 inline std::shared_ptr<VirtualTime::VirtualQueue> VirtualTime::makeQueue() {
+    std::erase_if(queues_, [](const auto& weak) { return weak.expired(); });
     auto queue = std::make_shared<VirtualQueue>(*this);
     queues_.push_back(queue);
     return queue;
 }
 
 inline bool VirtualTime::step() {
-    std::erase_if(queues_, [](const auto& weak) { return weak.expired(); });
-    for (const auto& weak : std::vector(queues_)) {
+    for (const auto& weak : queues_) { // which what runs may extend: nothing is read from it after that
         const auto queue = weak.lock();
         if (!queue || queue->isHeld_) continue;
         if (queue->runOne()) return true;
@@ -159,6 +160,11 @@ inline bool VirtualTime::step() {
         }
     }
     return false;
+}
+
+inline void VirtualTime::releaseAll() {
+    for (const auto& weak : queues_)
+        if (const auto queue = weak.lock()) queue->release();
 }
 
 inline void VirtualTime::run() {
