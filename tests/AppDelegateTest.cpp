@@ -104,7 +104,7 @@ TEST_F(AppDelegateTest, ShowsTheLastEventInSmallSecondaryMonospacedText) {
     appear("iPad", 2);
     accept();
     const auto& items = statusBar.menu->open();
-    EXPECT_EQ(items[items.size() - 3].style, (TextStyle{10.0, true, true}));
+    EXPECT_EQ(items[items.size() - 3].style, (TextStyle{10.0, true}));
 }
 
 TEST_F(AppDelegateTest, TerminationEndsTheSessionsAndTouchesNothingElse) {

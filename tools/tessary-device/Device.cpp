@@ -250,8 +250,7 @@ void Device::keepSending(const WeakSession& weak, Stream stream) {
     for (int burst = 0; burst < maxBurst && stream.due() <= Clock::now(); ++burst, ++stream.sent)
         if (!stream.sendOne(*session)) return;
     // At a time in the past the loop would serve this timer again before any socket.
-    loop_.at(std::max(stream.due(), Clock::now()),
-             [this, weak, stream = std::move(stream)]() mutable { keepSending(weak, std::move(stream)); });
+    loop_.at(std::max(stream.due(), Clock::now()), [this, weak, stream] { keepSending(weak, stream); });
 }
 
 /// Returns false once the session has got all its messages.

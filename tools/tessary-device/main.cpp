@@ -54,7 +54,6 @@ void addOptions(CLI::App& app, CommandLine& line) {
                             const char* text) {
         return app.add_option(name, variable, text)->option_text(value)->transform(check);
     };
-    const CLI::Validator any;
     const CLI::Validator isHost(
         [](const std::string& text) { return IPv4Host::parse(text) ? "" : text + " is no IPv4 address"; },
         "");
@@ -68,8 +67,8 @@ void addOptions(CLI::App& app, CommandLine& line) {
     const CLI::Validator isTime = CLI::Range(0.0, 1e8) & isReal;
 
     app.option_defaults()->group("Identity");
-    add("--name", announcement.name, any, "NAME", "name of the device (default \"Tessary Device\")");
-    add("--marker-name", announcement.markerName, any, "NAME",
+    add("--name", announcement.name, {}, "NAME", "name of the device (default \"Tessary Device\")");
+    add("--marker-name", announcement.markerName, {}, "NAME",
         "name of its marker service (default: the same)");
     add("--address", line.addresses, isHost, "A.B.C.D",
         "address to listen on and to announce; can be repeated")
@@ -178,18 +177,20 @@ void run(const CommandLine& line) {
 int main(int argc, char** argv) {
     using namespace tessary::device;
     std::signal(SIGPIPE, SIG_IGN);
-    CLI::App app(description, "tessary-device");
-    app.set_help_flag("--help", "print this and exit");
-    app.set_version_flag("--version", "tessary-device " TESSARY_VERSION, "print the version and exit");
-    CommandLine line;
-    addOptions(app, line);
     try {
-        app.parse(argc, argv);
+        CLI::App app(description, "tessary-device");
+        app.set_help_flag("--help", "print this and exit");
+        app.set_version_flag("--version", "tessary-device " TESSARY_VERSION, "print the version and exit");
+        CommandLine line;
+        addOptions(app, line);
+        try {
+            app.parse(argc, argv);
+        } catch (const CLI::Success& request) { // --help or --version
+            return app.exit(request);
+        }
         complete(line);
         run(line);
         return 0;
-    } catch (const CLI::Success& request) { // --help or --version
-        return app.exit(request);
     } catch (const std::exception& error) {
         const bool isUsage = dynamic_cast<const CLI::ParseError*>(&error);
         std::fprintf(stderr, "tessary-device: %s%s\n", tessary::escapedControls(error.what()).c_str(),
