@@ -101,7 +101,8 @@ class Program : test::FakeMachine {
   private:
     EventLoop loop_;
     DiscoveryClient client_{loop_, *mainQueue, log, ""};
-    std::shared_ptr<PeerDiscovery> discovery_ = std::make_shared<PeerDiscovery>(platform(client_));
+    std::shared_ptr<PeerDiscovery> discovery_ =
+        std::make_shared<PeerDiscovery>(platform({.serviceDiscovery = &client_}));
     std::size_t failures_ = 0;
 };
 

@@ -393,6 +393,15 @@ struct FakeLoginService : LoginService {
     int calls = 0;
 };
 
+/// The parts of a `Platform` that a test brings itself; the others are fakes.
+struct OwnParts {
+    TimerQueue* mainQueue = nullptr;
+    UDPNetwork* network = nullptr;
+    ServiceDiscovery* serviceDiscovery = nullptr;
+    MIDIOutput* midiOutput = nullptr;
+    const Clock* clock = nullptr;
+};
+
 /// A whole machine of fakes.
 struct FakeMachine {
     VirtualTime time;
@@ -408,10 +417,22 @@ struct FakeMachine {
     FakeLoginService loginService;
     FakeText text;
 
-    Platform platform() { return platform(serviceDiscovery); }
-    Platform platform(ServiceDiscovery& discovery) {
-        return {application, *mainQueue,   network, discovery, midiOutput, preferences,
-                statusBar,   loginService, time,    random,    text,       log};
+    Platform platform(const OwnParts& own = {}) {
+        const auto choose = [](auto* given, auto& fake) -> auto& {
+            return given ? *given : fake;
+        };
+        return {.application = application,
+                .mainQueue = choose(own.mainQueue, *mainQueue),
+                .network = choose(own.network, network),
+                .serviceDiscovery = choose(own.serviceDiscovery, serviceDiscovery),
+                .midiOutput = choose(own.midiOutput, midiOutput),
+                .preferences = preferences,
+                .statusBar = statusBar,
+                .loginService = loginService,
+                .clock = choose(own.clock, time),
+                .random = random,
+                .text = text,
+                .log = log};
     }
 };
 
