@@ -2,44 +2,25 @@
 // a write.
 #include "Platform/qt/JSONPreferences.h"
 #include "Require.h"
-
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <unistd.h>
+#include "support/TemporaryFolder.h"
 
 using namespace tessary;
 using fuzz::require;
-namespace fs = std::filesystem;
+using test::read;
 
 namespace {
 
 constexpr const char* numberKey = "TessaryLink.localSSRC.v1";
 constexpr const char* textsKey = "TessaryLink.trustedPeerIPs.v1";
 
-/// In memory where there is such a folder, and removed at the end of the process.
-struct Folder {
-    fs::path path = [] {
-        std::string name =
-            (fs::exists("/dev/shm") ? "/dev/shm" : fs::temp_directory_path().string()) + "/tessary-XXXXXX";
-        return fs::path(mkdtemp(name.data()));
-    }();
-    ~Folder() { fs::remove_all(path); }
-};
-
-std::string read(const fs::path& path) {
-    std::ifstream stream(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), {}};
-}
-
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static const Folder folder;
+    static const test::TemporaryFolder folder;
     const std::string text(reinterpret_cast<const char*>(data), size);
-    const fs::path file = folder.path / "preferences.json", aside = file.string() + ".unreadable";
-    fs::remove(aside);
-    std::ofstream(file, std::ios::binary) << text;
+    const auto file = folder / "preferences.json", aside = folder / "preferences.json.unreadable";
+    std::filesystem::remove(aside);
+    test::write(file, text);
 
     JSONPreferences preferences(file);
     const auto number = preferences.number(numberKey);
@@ -52,8 +33,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     require(next.array(textsKey) == std::vector<std::optional<std::string>>{"10.0.0.99"},
             "what is written is read");
     require(next.number(numberKey) == number, "a write keeps the other values");
-    require(!fs::exists(aside) || read(aside) == text, "what was no object is kept as it was");
-    require(std::distance(fs::directory_iterator(folder.path), {}) == (fs::exists(aside) ? 2 : 1),
-            "no leftovers");
+    const bool isSetAside = std::filesystem::exists(aside);
+    require(!isSetAside || read(aside) == text, "what was no object is kept as it was");
+    require(test::listed(folder.path()).size() == (isSetAside ? 2 : 1), "no leftovers");
     return 0;
 }
