@@ -1,4 +1,6 @@
 """The Debian package: what is in it, and that it works, and goes without a trace, where nothing else is."""
+import fcntl
+import functools
 import gzip
 import pathlib
 import platform
@@ -31,8 +33,13 @@ def setting(name):
     return found[1] if found else ""
 
 
-def version():
-    return setting("CMAKE_PROJECT_VERSION")
+@functools.cache
+def package():
+    """Builds the package; answers where it is."""
+    with (BUILD / "package.lock").open("w") as lock:  # another process of the tests may be building it
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        output = run("cmake", "--build", BUILD, "--target", "package")
+    return pathlib.Path(re.search(r"package: (\S+\.deb) generated", output)[1])
 
 
 def latest_release():
@@ -101,10 +108,9 @@ class CleanSystem:
             self.run(*command)
         (self.root / "tmp" / package.name).unlink()
 
-    def paths(self, *names):
-        """Everything whose name holds one of these, and is no process, device or download."""
-        tests = [part for name in names for part in ("-o", "-iname", f"*{name}*")][1:]
-        found = run("find", self.root, "-xdev", "(", *tests, ")")
+    def paths(self):
+        """Every file that is named after the program, but for processes, devices and downloads."""
+        found = run("find", self.root, "-xdev", "-iname", "*tessary*")
         return sorted(str(pathlib.Path(path).relative_to(self.root)) for path in found.splitlines())
 
 
@@ -115,8 +121,7 @@ class Package(SystemTest):
             self.skipTest("missing: " + ", ".join(missing))
         if setting("TESSARY_SANITIZE"):
             self.skipTest("a package is built of what users run")
-        output = run("cmake", "--build", BUILD, "--target", "package")
-        self.package = pathlib.Path(re.search(r"package: (\S+\.deb) generated", output)[1])
+        self.package = package()
         self.content = self.directory / "content"
         run("dpkg-deb", "-x", self.package, self.content)
 
@@ -144,7 +149,7 @@ class Package(SystemTest):
 
     def test_version(self):
         expected, date = latest_release()
-        self.assertEqual(version(), expected, "the project's version is not the changelog's newest")
+        self.assertEqual(setting("CMAKE_PROJECT_VERSION"), expected, "the newest version of the changelog")
         self.assertTrue(run("dpkg-deb", "-f", self.package, "Version").startswith(expected + "-"))
         share = self.content / "usr/share"
         metadata = next((share / "metainfo").iterdir()).read_text()
@@ -163,7 +168,7 @@ class Package(SystemTest):
     def test_on_a_clean_system(self):
         desk, stage = self.network.host("10.77.0.1/24"), self.network.host("10.77.0.2/24")
         system = CleanSystem(self, desk)
-        self.assertEqual(system.paths("tessary"), [])
+        self.assertEqual(system.paths(), [])
         system.install(self.package)
         for name in ("tessary-link", "tessary-device"):
             self.assertNotIn("not found", system.run("ldd", f"/usr/bin/{name}"))
@@ -182,7 +187,7 @@ class Package(SystemTest):
         installed = {line[1:] for line in system.run("dpkg", "-L", "tessary-link").splitlines()}
         self.assertTrue(self.files(self.content) <= installed)
         system.run("apt-get", "purge", "-qy", "tessary-link")
-        self.assertEqual(system.paths("tessary"), [str(pathlib.Path(PREFERENCES).parent)])
+        self.assertEqual(system.paths(), [str(pathlib.Path(PREFERENCES).parent)])
         self.assertTrue((system.root / PREFERENCES).exists())
         left = {path for path in installed - {"."} if (system.root / path).exists()}
         system.run("dpkg", "-S", *(f"/{path}" for path in left))  # what is left is some other package's

@@ -127,6 +127,14 @@ class Desktop:
             return None
         return (items[0][:items[0].index("/")], items[0][items[0].index("/"):]) if items else None
 
+    def has_panel(self):
+        """Whether a panel that shows such items has registered with the watcher."""
+        try:
+            return self._busctl("get-property", WATCHER, "/StatusNotifierWatcher", WATCHER,
+                                "IsStatusNotifierHostRegistered")
+        except LookupError:
+            return False
+
     def wait_for_item(self, timeout=10):
         return until(self.item, timeout, "the item is registered")
 
