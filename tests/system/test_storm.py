@@ -13,7 +13,7 @@ import sys
 import time
 import unittest
 
-import test_daemon
+from lab.daemons import start_avahi, start_system_bus
 from lab.desktop import Desktop
 from lab.processes import Process, until
 from lab.programs import JackServer, SystemTest, scale
@@ -360,12 +360,12 @@ class Storm(SystemTest):
         self.storm()
 
     def test_with_daemon(self):
-        test_daemon.start_system_bus(self, self.desk)
+        start_system_bus(self, self.desk)
         self.avahi = self.daemon()
         self.storm()
 
     def daemon(self):
-        return test_daemon.start_daemon(self, self.desk)
+        return start_avahi(self, self.desk)
 
 
 if __name__ == "__main__":

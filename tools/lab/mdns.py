@@ -1,7 +1,8 @@
 """Multicast DNS as no responder sends it (RFC 6762): hostile records, for the network of a test.
 
-    mdns.py ADDRESS KIND [COUNT [PAUSE]]   sends a kind of datagram from that address, again and again
+    mdns.py ADDRESS KIND   sends that kind of datagram from that address, or "aliases" of all kinds, until it is ended
 """
+import itertools
 import socket
 import struct
 import sys
@@ -83,8 +84,14 @@ def type_passes(number, kind=MIDI):
     return passing(number, name(*kind), PTR, name(f"Type {number}", *kind))
 
 
-# Each kind: from a number, groups of records; each group goes out in datagrams of its own.
-KINDS = {
+def flood(number, count=20_000, ttl=0x7FFFFFFF):
+    """Records that are kept for years."""
+    return [[record(name(f"{number * count + each:07x}", "f", "local"), A, ttl, b"\x0a\x4d\x09\x09")
+             for each in range(count)]]
+
+
+# From a number: groups of records; each group goes out in datagrams of its own.
+ALIASES = {
     "itself": lambda number: [loop(number, 1)],
     "two": lambda number: [loop(number, 2)],
     "three": lambda number: [loop(number, 3)],
@@ -100,26 +107,16 @@ KINDS = {
 }
 
 
-def flood(number, count=200_000, ttl=0x7FFFFFFF):
-    """Records that are kept for years, as many as go into large datagrams."""
-    owner = b"\x01f\x05local\0"
-    return datagrams((record(bytes([7]) + b"%07x" % (number * count + each) + owner, 1, ttl, b"\x0a\x4d\x09\x09")
-                      for each in range(count)), 8900)
-
-
-def main(address, kind, count="1", pause="0.1"):
+def main(address, kind):
     out = Sender(address)
-    for number in range(int(count)):
-        kinds = list(KINDS) if kind == "all" else [kind]
-        if kind == "flood":
-            for datagram in flood(number):
-                out.send(datagram)
-        else:
-            for group in KINDS[kinds[number % len(kinds)]](number):
+    kinds = ALIASES.values() if kind == "aliases" else [(ALIASES | {"flood": flood})[kind]]
+    for number in itertools.count():
+        for make in kinds:
+            for group in make(number):
                 for datagram in datagrams(group):
                     out.send(datagram)
-        time.sleep(float(pause))
-    print("sent", flush=True)
+            time.sleep(0.1)
+        print("sent", flush=True)
 
 
 if __name__ == "__main__":
