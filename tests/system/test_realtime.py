@@ -10,9 +10,9 @@ import signal
 import socket
 import unittest
 
+from lab.daemons import BUS
 from lab.processes import Process, environment, until
 from lab.programs import Program, SystemTest
-from test_daemon import BUS
 
 RTKIT = "/usr/libexec/rtkit-daemon"
 POLKIT = "/usr/lib/polkit-1/polkitd"

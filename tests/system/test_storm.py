@@ -13,7 +13,7 @@ import sys
 import time
 import unittest
 
-import test_daemon
+from lab.daemons import start_avahi, start_system_bus
 from lab.desktop import Desktop
 from lab.processes import Process, until
 from lab.programs import JackServer, SystemTest, scale
@@ -145,7 +145,7 @@ class Storm(SystemTest):
         return bool(self.avahi) and self.during("avahi", (0, 3), end, self.start_avahi)
 
     def start_avahi(self):
-        self.avahi = test_daemon.start_daemon(self, self.desk)
+        self.avahi = start_avahi(self, self.desk)
 
     def services_come_or_go(self):
         if self.services:
@@ -274,7 +274,7 @@ class Storm(SystemTest):
         self.storm()
 
     def test_with_daemon(self):
-        test_daemon.start_system_bus(self, self.desk)
+        start_system_bus(self, self.desk)
         self.start_avahi()
         self.storm()
 

@@ -1,7 +1,8 @@
 """Sends hostile multicast DNS records (RFC 6762) on the network of a test.
 
-    mdns.py ADDRESS KIND [COUNT [PAUSE]]   sends the datagrams of a kind from that address COUNT times
+    mdns.py ADDRESS KIND   sends datagrams of that kind, or "aliases" of all kinds, from that address until it is ended
 """
+import itertools
 import socket
 import struct
 import sys
@@ -83,8 +84,14 @@ def type_passes(number, kind=MIDI):
     return passing(number, name(*kind), PTR, name(f"Type {number}", *kind))
 
 
+def flood(number, count=20_000, ttl=0x7FFFFFFF):
+    """Records that are kept for years."""
+    return [[record(name(f"{number * count + each:07x}", "f", "local"), A, ttl, b"\x0a\x4d\x09\x09")
+             for each in range(count)]]
+
+
 # Each kind maps a number to groups of records. Each group is sent in separate datagrams.
-KINDS = {
+ALIASES = {
     "itself": lambda number: [loop(number, 1)],
     "two": lambda number: [loop(number, 2)],
     "three": lambda number: [loop(number, 3)],
@@ -100,26 +107,16 @@ KINDS = {
 }
 
 
-def flood(number, count=200_000, ttl=0x7FFFFFFF):
-    """Datagrams of almost 9,000 bytes, filled with records whose time to live is 68 years."""
-    owner = b"\x01f\x05local\0"
-    return datagrams((record(bytes([7]) + b"%07x" % (number * count + each) + owner, 1, ttl, b"\x0a\x4d\x09\x09")
-                      for each in range(count)), 8900)
-
-
-def main(address, kind, count="1", pause="0.1"):
+def main(address, kind):
     out = Sender(address)
-    for number in range(int(count)):
-        kinds = list(KINDS) if kind == "all" else [kind]
-        if kind == "flood":
-            for datagram in flood(number):
-                out.send(datagram)
-        else:
-            for group in KINDS[kinds[number % len(kinds)]](number):
+    kinds = ALIASES.values() if kind == "aliases" else [(ALIASES | {"flood": flood})[kind]]
+    for number in itertools.count():
+        for make in kinds:
+            for group in make(number):
                 for datagram in datagrams(group):
                     out.send(datagram)
-        time.sleep(float(pause))
-    print("sent", flush=True)
+            time.sleep(0.1)
+        print("sent", flush=True)
 
 
 if __name__ == "__main__":
