@@ -29,6 +29,9 @@ constexpr auto answerTime = std::chrono::milliseconds(1500);
 /// it.
 constexpr auto stableTime = std::chrono::minutes(1);
 
+/// A daemon that is only being restarted returns within this time.
+constexpr auto daemonTimeout = std::chrono::seconds(30);
+
 std::string lowerCase(std::string text) {
     for (char& character : text)
         if (character >= 'A' && character <= 'Z') character = static_cast<char>(character - 'A' + 'a');
@@ -94,6 +97,9 @@ void Engine::ready() {
 void Engine::lost() {
     const auto now = Loop::Clock::now();
     if (now - std::exchange(lostAt_, now) < stableTime) std::_Exit(unstableDaemonStatus);
+    loop_.after(daemonTimeout, [this] {
+        if (!backend_->isReady()) std::_Exit(unstableDaemonStatus);
+    });
     for (const auto& [number, browse] : browses_)
         browse->interrupt();
     for (const auto& [number, service] : services_)

@@ -39,8 +39,8 @@ class Engine {
 
     Services& queue(Service::State state) { return queues_[static_cast<std::size_t>(state)]; }
     void ready();
-    /// Ends the process if the daemon is not stable: the program then starts a process with the embedded
-    /// responder.
+    /// Ends the process if the daemon is not stable or does not return: the program then starts a process
+    /// with the embedded responder.
     void lost();
     std::shared_ptr<Host> host(const std::string& name);
     void hostChanged(const Host& host);

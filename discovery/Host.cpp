@@ -59,6 +59,14 @@ void Host::interrupt() {
     hasIPv6_ = false;
 }
 
+/// Finds the addresses for which there was no room.
+void Host::browseAgain() {
+    isTruncated_ = false;
+    Backend& backend = *backend_;
+    interrupt();
+    begin(backend);
+}
+
 void Host::prefer(IPv4Host address) {
     if (!address.isUnicast() || std::exchange(isKnown_, true)) return;
     preferred_ = address;
@@ -82,6 +90,9 @@ void Host::handle(const AddressEvent& event) {
             addresses_.erase(address);
         else if (addresses_.size() < maxAddresses)
             addresses_.insert(address);
+        else
+            isTruncated_ = true;
+        if (isTruncated_ && addresses_.size() < maxAddresses) return browseAgain();
     } else if (isNew) {
         hasIPv6_ = true;
     }

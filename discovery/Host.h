@@ -50,6 +50,7 @@ class Host : public std::enable_shared_from_this<Host> {
     };
 
     void browse(std::uint16_t recordType);
+    void browseAgain();
     void handle(const AddressEvent& event);
     void decide();
     void settle();
@@ -62,6 +63,7 @@ class Host : public std::enable_shared_from_this<Host> {
     Backend* backend_ = nullptr; // present while lookups can be made
     std::vector<Lookup> lookups_;
     std::set<Address> addresses_;
+    bool isTruncated_ = false; // more than `maxAddresses` were seen
     bool hasIPv6_ = false;
     bool isAskedForIPv6_ = false;
     Loop::Clock::time_point lastChange_;

@@ -93,7 +93,7 @@ class Isolation(SystemTest):
         start_avahi(self, self.desk, restarts=True)
         self.begin(15_000)
         aliases = self.send("aliases")
-        self.program.wait_for("has given up an Avahi daemon that keeps ending", 60)
+        self.program.wait_for("has given up an Avahi daemon that keeps ending or does not return", 60)
         self.add_device()
         aliases.kill()
         self.assertFound()
@@ -115,6 +115,17 @@ class Isolation(SystemTest):
         self.program.kill()
         until(lambda: not is_running(left), 1, "it ends with the program")
         self.program.popen.returncode = 0
+
+    def test_thousands_of_names_hide_no_device(self):
+        self.program = Program(self, self.desk)
+        self.device(self.stage, "--name", "Piano", "--play", "nothing")
+        self.program.wait_for("^.Dialer. 10.77.1.2 running$")
+        names = self.send("names")
+        names.wait_for("sent", 60)
+        names.kill()
+        self.add_device()
+        self.assertFound()
+        self.assertEqual(self.program.times("1.2 (gone|failed)"), [])
 
     def test_cache_that_is_flooded(self):
         """The records are valid for years: only a new process can store others."""

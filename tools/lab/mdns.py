@@ -90,6 +90,11 @@ def flood(number, count=20_000, ttl=0x7FFFFFFF):
              for each in range(count)]]
 
 
+def names(_, count=9_500):
+    """Services that are listed for years, before all others by name."""
+    return [[record(name(*MIDI), PTR, 0x7FFFFFFF, name(f"!{each:06d}", *MIDI)) for each in range(count)]]
+
+
 # Each kind maps a number to groups of records. Each group is sent in separate datagrams.
 ALIASES = {
     "itself": lambda number: [loop(number, 1)],
@@ -109,7 +114,7 @@ ALIASES = {
 
 def main(address, kind):
     out = Sender(address)
-    kinds = ALIASES.values() if kind == "aliases" else [(ALIASES | {"flood": flood})[kind]]
+    kinds = ALIASES.values() if kind == "aliases" else [(ALIASES | {"flood": flood, "names": names})[kind]]
     for number in itertools.count():
         for make in kinds:
             for group in make(number):

@@ -111,7 +111,7 @@ std::string DiscoveryProcess::reap() {
     if (WIFEXITED(status) && WEXITSTATUS(status) == exhaustedStatus) return "had no room for more records";
     if (WIFEXITED(status) && WEXITSTATUS(status) == unstableDaemonStatus) {
         responder_ = Responder::embedded;
-        return "has given up an Avahi daemon that keeps ending";
+        return "has given up an Avahi daemon that keeps ending or does not return";
     }
     if (WIFEXITED(status)) return "has ended with status " + std::to_string(WEXITSTATUS(status));
     return std::string("was ended by ") + strsignal(WTERMSIG(status));

@@ -34,8 +34,8 @@ constexpr int unstableDaemonStatus = 4;
 constexpr std::size_t maxTextSize = 1014;
 /// The limit of addresses of one host; a device has a few.
 constexpr std::size_t maxAddresses = 64;
-/// The limit of service instances of one type; further ones are not listed.
-constexpr std::size_t maxListed = 8192;
+/// The limit of service instances of one type: as many as the cache of the embedded responder holds.
+constexpr std::size_t maxListed = 16'384;
 constexpr std::size_t maxFrameSize = 4096;
 
 /// The mDNS responder that performs the lookups.
