@@ -444,8 +444,8 @@ struct FakeLoginService : LoginService {
 struct OwnParts {
     TimerQueue* mainQueue = nullptr;
     UDPNetwork* network = nullptr;
+    ServiceDiscovery* serviceDiscovery = nullptr;
     MIDIOutput* midiOutput = nullptr;
-    Preferences* preferences = nullptr;
     const Clock* clock = nullptr;
 };
 
@@ -471,9 +471,9 @@ struct FakeMachine {
         return {.application = application,
                 .mainQueue = choose(own.mainQueue, *mainQueue),
                 .network = choose(own.network, network),
-                .serviceDiscovery = serviceDiscovery,
+                .serviceDiscovery = choose(own.serviceDiscovery, serviceDiscovery),
                 .midiOutput = choose(own.midiOutput, midiOutput),
-                .preferences = choose(own.preferences, preferences),
+                .preferences = preferences,
                 .statusBar = statusBar,
                 .loginService = loginService,
                 .clock = choose(own.clock, time),
