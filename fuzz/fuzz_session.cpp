@@ -20,8 +20,12 @@ std::shared_ptr<FakeConnection> connection(const World& world, std::uint8_t inde
     return open.empty() ? nullptr : open[index % open.size()];
 }
 
-Bytes sessionPacket(std::uint8_t kind, std::uint32_t token, Reader& input) {
+/// A session packet with the token of the last or the first invitation, or anything.
+Bytes datagram(const Journal& to, std::uint8_t kind, Reader& input) {
     using P = AppleMIDIPacket;
+    if (kind >= 128) return input.bytes();
+    const auto& tokens = to.invitations;
+    const std::uint32_t token = tokens.empty() ? 0 : kind < 96 ? tokens.back() : tokens.front();
     const std::uint8_t count = kind % 6 == 4 ? input.byte() : std::uint8_t{1};
     const std::array<P, 6> packets{{{P::Accept{token, 7, "iPad"}},
                                     {P::ClockSync{7, count, 2, 3, 4}},
@@ -30,26 +34,6 @@ Bytes sessionPacket(std::uint8_t kind, std::uint32_t token, Reader& input) {
                                     {P::ClockSync{7, count, 2, 3, 4}},
                                     {P::Invitation{token, 7, "iPad"}}}};
     return packets[kind % 6].encode();
-}
-
-/// A session packet, one that is cut and changed, MIDI, or anything.
-Bytes datagram(const Journal& to, std::uint8_t kind, Reader& input) {
-    const auto& tokens = to.invitations;
-    if (kind < 96) return sessionPacket(kind, tokens.empty() ? 0 : tokens.back(), input);
-    if (kind < 128) {
-        Bytes packet = sessionPacket(kind, tokens.empty() ? 0 : tokens.front(), input);
-        packet.resize(input.byte() % 64);
-        const std::size_t at = input.byte();
-        if (at < packet.size()) packet[at] = input.byte();
-        return packet;
-    }
-    if (kind >= 192) return input.bytes();
-    Bytes midi{0x80, 0x61, 0, input.byte(), 0, 0, 0, 0, 0, 0, 0, 7};
-    const Bytes list = input.bytes();
-    midi.push_back(static_cast<std::uint8_t>(0x80 | (kind & 0x30)));
-    midi.push_back(static_cast<std::uint8_t>(list.size()));
-    midi.insert(midi.end(), list.begin(), list.end());
-    return midi;
 }
 
 void peerSends(World& world, Reader& input) {

@@ -10,19 +10,15 @@ using namespace tessary::test;
 
 namespace {
 
-/// Allocated bytes (0 under a sanitizer, which looks for leaks itself) and open files.
 struct Use {
-    static std::size_t allocated() {
-        const auto counted = mallinfo2();
-        return counted.uordblks + counted.hblkhd;
-    }
-    std::size_t bytes = allocated();
+    /// Allocated; 0 under a sanitizer, which looks for leaks itself.
+    double bytes = static_cast<double>(mallinfo2().uordblks + mallinfo2().hblkhd);
     std::ptrdiff_t files = std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 };
 
 /// The same, but for the spare capacity of the test's own containers.
 void expectSame(const Use& before, const Use& after) {
-    EXPECT_NEAR(static_cast<double>(after.bytes), static_cast<double>(before.bytes), 4096);
+    EXPECT_NEAR(after.bytes, before.bytes, 4096);
     EXPECT_EQ(after.files, before.files);
 }
 

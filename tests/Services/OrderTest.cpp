@@ -151,7 +151,8 @@ const std::vector<Event> events{
     {"bye control", [](W& w) { return w.arrive(51204, W::bye); }, [](M& m) { m.peerEnds("peer sent BYE"); }},
     {"bye data", [](W& w) { return w.arrive(51205, W::bye); },
      [](M& m) { m.peerEnds("peer BYE on data port"); }},
-    {"late bye", [](W& w) { return w.arriveLate(51204, W::bye); }, [](M& m) { m.peerEnds("peer sent BYE"); }},
+    {"late bye", [](W& w) { return w.arrive(51204, W::bye, true); },
+     [](M& m) { m.peerEnds("peer sent BYE"); }},
     {"clock", [](W& w) { return w.arrive(51205, W::clock); }, [](M& m) { m.clock(); }},
     {"midi", [](W& w) { return w.play(); }},
     // Of a session alone: its owner starts it when it is known to be idle, and stops it before letting it go.

@@ -448,7 +448,6 @@ struct OwnParts {
     UDPNetwork* network = nullptr;
     ServiceDiscovery* serviceDiscovery = nullptr;
     MIDIOutput* midiOutput = nullptr;
-    Preferences* preferences = nullptr;
     const Clock* clock = nullptr;
 };
 
@@ -476,7 +475,7 @@ struct FakeMachine {
                 .network = choose(own.network, network),
                 .serviceDiscovery = choose(own.serviceDiscovery, serviceDiscovery),
                 .midiOutput = choose(own.midiOutput, midiOutput),
-                .preferences = choose(own.preferences, preferences),
+                .preferences = preferences,
                 .statusBar = statusBar,
                 .loginService = loginService,
                 .clock = choose(own.clock, time),

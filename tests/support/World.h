@@ -45,15 +45,15 @@ struct World : FakeMachine {
     // The peer. Each returns false, and changes nothing, if it cannot happen now.
 
     bool acceptOn(std::uint16_t port) {
-        const auto on = invited(port);
+        const auto on = newestOpen(port, false);
         if (on) on->accept();
         return handled(on);
     }
-    bool arrive(std::uint16_t port, const Bytes& datagram) { return arrive(invited(port), datagram); }
-    /// On a connection that has sent BY, but is not closed yet.
-    bool arriveLate(std::uint16_t port, const Bytes& datagram) {
-        return arrive(find([&](const Journal& each) { return each.localPort == port && each.isEnded(); }),
-                      datagram);
+    /// Late: on a connection that has sent BY, but is not closed yet.
+    bool arrive(std::uint16_t port, const Bytes& datagram, bool isLate = false) {
+        const auto on = newestOpen(port, isLate);
+        if (on) on->deliver(datagram);
+        return handled(on);
     }
     inline static const Bytes reject = AppleMIDIPacket{AppleMIDIPacket::Reject{0, 7, ""}}.encode();
     inline static const Bytes bye = AppleMIDIPacket{AppleMIDIPacket::Bye{0, 7}}.encode();
@@ -138,19 +138,11 @@ struct World : FakeMachine {
     std::string contradiction;
 
   private:
-    std::shared_ptr<FakeConnection> find(const std::function<bool(const Journal&)>& fits) const {
+    std::shared_ptr<FakeConnection> newestOpen(std::uint16_t port, bool isEnded) const {
         for (auto each = network.journals.rbegin(); each != network.journals.rend(); ++each)
-            if ((*each)->isOpen() && fits(**each)) return (*each)->connection.lock();
+            if ((*each)->localPort == port && (*each)->isInvited() && (*each)->isEnded() == isEnded)
+                if ((*each)->isOpen()) return (*each)->connection.lock();
         return nullptr;
-    }
-    std::shared_ptr<FakeConnection> invited(std::uint16_t port) const {
-        return find([&](const Journal& each) {
-            return each.localPort == port && each.isInvited() && !each.isEnded();
-        });
-    }
-    static bool arrive(const std::shared_ptr<FakeConnection>& on, const Bytes& datagram) {
-        if (on) on->deliver(datagram);
-        return handled(on);
     }
     /// Its session handles what waits for it.
     static bool handled(const std::shared_ptr<FakeConnection>& on) {
