@@ -17,14 +17,14 @@ class Reports {
     void add(T report) {
         const std::lock_guard lock(mutex_);
         reports_.push_back(std::move(report));
-        arrived_
-            .notify_all(); // with the lock held: whoever waits may destroy this as soon as it has the report
+        // With the lock held: the reader may destroy this object as soon as it has the report.
+        arrived_.notify_all();
     }
 
-    /// The next report, or none if it does not come within `patience`.
-    std::optional<T> next(std::chrono::milliseconds patience = std::chrono::seconds(10)) {
+    /// The next report, or none if it does not come within `timeout`.
+    std::optional<T> next(std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
         std::unique_lock lock(mutex_);
-        if (!arrived_.wait_for(lock, patience, [&] { return !reports_.empty(); })) return std::nullopt;
+        if (!arrived_.wait_for(lock, timeout, [&] { return !reports_.empty(); })) return std::nullopt;
         std::optional<T> report = std::move(reports_.front());
         reports_.pop_front();
         return report;

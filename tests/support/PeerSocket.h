@@ -1,4 +1,4 @@
-// A peer's end of a conversation: a plain UDP socket on a loopback address.
+// A peer: a plain UDP socket on a loopback address.
 #pragma once
 
 #include "Models/IPv4Host.h"
@@ -34,28 +34,6 @@ class PeerSocket {
 
     std::uint16_t port() const { return port_; }
 
-    void sendTo(std::uint16_t port, std::span<const std::uint8_t> datagram) {
-        const sockaddr_in to = endpoint({{127, 0, 0, 1}}, port);
-        sendto(file_, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
-    }
-
-    struct Arrival {
-        std::vector<std::uint8_t> bytes;
-        std::uint16_t fromPort = 0;
-    };
-    /// The next datagram; empty if none comes within `patience` milliseconds.
-    Arrival receive(int patience = 10'000) {
-        pollfd ready{.fd = file_, .events = POLLIN, .revents = 0};
-        if (poll(&ready, 1, patience) != 1) return {};
-        std::array<std::uint8_t, 2048> buffer{};
-        sockaddr_in from{};
-        socklen_t size = sizeof from;
-        const ssize_t length =
-            recvfrom(file_, buffer.data(), buffer.size(), 0, reinterpret_cast<sockaddr*>(&from), &size);
-        return {{buffer.begin(), buffer.begin() + std::max<ssize_t>(length, 0)}, ntohs(from.sin_port)};
-    }
-
-  private:
     static sockaddr_in endpoint(IPv4Host host, std::uint16_t port) {
         sockaddr_in address{};
         address.sin_family = AF_INET;
@@ -65,6 +43,28 @@ class PeerSocket {
         return address;
     }
 
+    void sendTo(std::uint16_t port, std::span<const std::uint8_t> datagram) {
+        const sockaddr_in to = endpoint({{127, 0, 0, 1}}, port);
+        sendto(file_, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
+    }
+
+    struct Arrival {
+        std::vector<std::uint8_t> bytes;
+        std::uint16_t fromPort = 0;
+    };
+    /// The next datagram; empty if none comes within `timeout` milliseconds.
+    Arrival receive(int timeout = 10'000) {
+        pollfd ready{.fd = file_, .events = POLLIN, .revents = 0};
+        if (poll(&ready, 1, timeout) != 1) return {};
+        std::array<std::uint8_t, 2048> buffer{};
+        sockaddr_in from{};
+        socklen_t size = sizeof from;
+        const ssize_t length =
+            recvfrom(file_, buffer.data(), buffer.size(), 0, reinterpret_cast<sockaddr*>(&from), &size);
+        return {{buffer.begin(), buffer.begin() + std::max<ssize_t>(length, 0)}, ntohs(from.sin_port)};
+    }
+
+  private:
     int file_;
     std::uint16_t port_ = 0;
 };
