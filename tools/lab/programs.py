@@ -114,8 +114,8 @@ class JackServer:
         self.process = Process(self._test, ["jackd", *self._options, *driver], self._host)
         self._host.run("jack_wait", "-w", "-t", "10")
 
-    def receiver(self):
-        return Receiver(self._test, self._host)
+    def receiver(self, kind=None):
+        return (kind or Receiver)(self._test, self._host)
 
 
 class Receiver(Process):
@@ -144,10 +144,32 @@ class Receiver(Process):
         self.wait_for(r"^ *\d+: [0-9a-f]{2}", timeout, count)
 
 
+class LongReceiver(Receiver):
+    """One that takes long System Exclusive too."""
+
+    COMMAND = (sys.executable, ROOT / "tools/lab/jack_receiver.py")
+
+
 def scale(number):
     """Message `number` of the device's scale."""
     note = (60, 62, 64, 65, 67, 69, 71, 72)[number // 2 % 8]
     return bytes((0x80 if number % 2 else 0x90, note, number % 127 + 1))
+
+
+def exclusive(number, size):
+    """The System Exclusive of the device's tunes that is their message `number`."""
+    head = bytes([0xF0, 0x7D, *(number >> shift & 127 for shift in (21, 14, 7, 0))][:size - 1])
+    return head + bytes((7 * number + k + k // 128) % 128 for k in range(6, size - 1)) + b"\xf7"
+
+
+def mixed(number, size):
+    """Message `number` of the device's mixed tune, whose System Exclusive has that size."""
+    if number % 12 == 11:
+        return exclusive(number, size)
+    velocity, count, low = number % 127 + 1, number // 12 % 128, number % 128
+    return bytes(((0x90, 60, velocity), (0x80, 60, velocity), (0xA0, 60, count), (0xB0, 1, count), (0xC0, count),
+                  (0xD0, count), (0xE0, count, low), (0xF2, count, low), (0xF3, count), (0xF1, count),
+                  (0xF8,))[number % 12])
 
 
 Packet = collections.namedtuple("Packet", "time destination local remote outgoing command token ssrc name count "
