@@ -1,5 +1,6 @@
 """Real-time priority for the network thread, as the kernel shows it: from RealtimeKit for an ordinary user, and none
 where it is refused or where the bus does not answer. Nothing else of the program is to depend on that."""
+import collections
 import glob
 import os
 import pathlib
@@ -21,21 +22,23 @@ ORDINARY = 0  # SCHED_OTHER, as in /proc
 MODEST = 4    # below any audio thread
 
 
+Thread = collections.namedtuple("Thread", "task name policy priority")
+
+
 def threads(process):
-    """Folder, name, policy and real-time priority of each thread."""
+    """As the kernel lists them; `task` is the thread's folder in /proc."""
     found = []
     for task in pathlib.Path("/proc", str(process.pid), "task").iterdir():
         try:
             fields = (task / "stat").read_text().rpartition(")")[2].split()
-            found.append((task, (task / "comm").read_text().strip(), int(fields[38]), int(fields[37])))
+            found.append(Thread(task, (task / "comm").read_text().strip(), int(fields[38]), int(fields[37])))
         except OSError:  # it has just ended
             pass
     return found
 
 
-def scheduling(process):
-    """Name, policy and real-time priority of each thread."""
-    return [each[1:] for each in threads(process)]
+def names(process):
+    return {thread.name for thread in threads(process)}
 
 
 def blocks(task, number):
@@ -44,18 +47,9 @@ def blocks(task, number):
     return blocked >> (number - 1) & 1
 
 
-class UsersProgram(Program):
-    """The program, started by an ordinary user."""
-
-    def __init__(self, test, host, variables=None):
-        config = test.directory / "home"
-        config.mkdir()
-        for path in (test.directory, config):
-            path.chmod(0o777)
-        super().__init__(test, AsUser(host), config, variables=variables)
-
-
 class AsUser:
+    """A host whose programs an ordinary user starts."""
+
     def __init__(self, host):
         self.enter = host.enter + ["setpriv", f"--reuid={NOBODY}", f"--regid={NOBODY}", "--clear-groups"]
 
@@ -76,37 +70,39 @@ class RealTime(SystemTest):
         self.desk.run("sh", "-ec", "mkdir /run/dbus; mount -t tmpfs none /etc/polkit-1/rules.d; "
                       f"cat {self.directory}/rule >/etc/polkit-1/rules.d/00.rules; "
                       "chmod 755 /etc/polkit-1/rules.d; chmod 644 /etc/polkit-1/rules.d/00.rules")
-        bus = Process(self, ["dbus-daemon", "--config-file", self.directory / "bus.conf", "--nofork", "--nopidfile",
-                             "--print-address"], self.desk)
-        bus.wait_for("^unix:")
-        Process(self, [POLKIT, "--no-debug"], self.desk)
-        self.owned("org.freedesktop.PolicyKit1")
-        # Its watchdog would take the priority from everybody if this machine were too busy for it.
-        Process(self, [RTKIT, "--no-canary"], self.desk)
-        self.owned("org.freedesktop.RealtimeKit1")
+        # RealtimeKit's watchdog would take the priority from everybody if this machine were too busy for it.
+        for command, name in ((["dbus-daemon", "--config-file", self.directory / "bus.conf", "--nofork", "--nopidfile"],
+                               "org.freedesktop.DBus"),
+                              ([POLKIT, "--no-debug"], "org.freedesktop.PolicyKit1"),
+                              ([RTKIT, "--no-canary"], "org.freedesktop.RealtimeKit1")):
+            Process(self, command, self.desk)
+            question = ["gdbus", "call", "--system", "--dest", "org.freedesktop.DBus", "--object-path", "/",
+                        "--method", "org.freedesktop.DBus.NameHasOwner", name]
+            until(lambda: "true" in self.desk.run(*question, check=False).stdout, 10, f"{name} is on the bus")
 
-    def owned(self, name):
-        question = ["gdbus", "call", "--system", "--dest", "org.freedesktop.DBus", "--object-path", "/",
-                    "--method", "org.freedesktop.DBus.NameHasOwner", name]
-        until(lambda: "true" in self.desk.run(*question, check=False).stdout, 10, f"{name} is on the bus")
+    def program(self, **variables):
+        """Started by an ordinary user."""
+        config = self.directory / "home"
+        config.mkdir()
+        for path in (self.directory, config):
+            path.chmod(0o777)
+        return Program(self, AsUser(self.desk), config, variables=variables)
 
     def assertPlays(self, program):
         self.device(self.stage, "--name", "Piano")
         program.wait_for("running with Piano")
 
-    def test_an_ordinary_users_network_thread_alone_has_it_from_realtimekit(self):
+    def test_the_network_thread_alone_has_it_from_realtimekit(self):
         self.bus("YES")
-        program = UsersProgram(self, self.desk)
+        program = self.program()
         self.assertPlays(program)
-        until(lambda: any(priority for _, _, priority in scheduling(program)), 10, "a thread has the priority")
-        for name, policy, priority in scheduling(program):
-            if name == "tessary-network":
-                self.assertEqual((policy, priority), (os.SCHED_RR, MODEST))
-            else:
-                self.assertEqual((name, policy), (name, ORDINARY))
-        self.assertNotIn("tessary-rtkit", [name for name, _, _ in scheduling(program)])
+        until(lambda: any(thread.priority for thread in threads(program)), 10, "a thread has the priority")
+        for thread in threads(program):
+            expected = (os.SCHED_RR, MODEST) if thread.name == "tessary-network" else (ORDINARY, 0)
+            self.assertEqual((thread.policy, thread.priority), expected, thread.name)
+        self.assertNotIn("tessary-rtkit", names(program))
 
-    def test_pipewires_jack_library_does_not_take_the_warning_from_a_flood(self):
+    def test_pipewires_jack_library_does_not_keep_the_signal_of_a_flood_from_its_threads(self):
         libraries = glob.glob("/usr/lib/*/pipewire-0.3/jack")
         if not libraries or not shutil.which("pipewire"):
             self.skipTest("missing: PipeWire's JACK library")
@@ -117,42 +113,35 @@ class RealTime(SystemTest):
         self.directory.chmod(0o777)
         Process(self, ["pipewire"], AsUser(self.desk), environment(XDG_RUNTIME_DIR=str(runtime), HOME=str(runtime)))
         until((runtime / "pipewire-0").exists, 10, "PipeWire runs")
-        program = UsersProgram(self, self.desk, {"LD_LIBRARY_PATH": libraries[0], "XDG_RUNTIME_DIR": str(runtime)})
-        audio = lambda: [task for task, _, _, priority in threads(program) if priority > MODEST]
-        until(audio, 10, "PipeWire's thread has its priority")
+        program = self.program(LD_LIBRARY_PATH=libraries[0], XDG_RUNTIME_DIR=str(runtime))
+        audio = until(lambda: [thread for thread in threads(program) if thread.priority > MODEST], 10,
+                      "PipeWire's thread has its priority")
         limits = pathlib.Path("/proc", str(program.pid), "limits")
-        until(lambda: re.search("Max realtime timeout +100000 +200000 ", limits.read_text()), 10, "they are told first")
-        for task in audio():
-            self.assertFalse(blocks(task, signal.SIGXCPU))
-        self.assertPlays(program)
+        until(lambda: re.search("Max realtime timeout +100000 +200000 ", limits.read_text()), 10,
+              "the signal comes before the kill")
+        for thread in audio:
+            self.assertFalse(blocks(thread.task, signal.SIGXCPU))
 
-    def test_a_refusal_is_taken_in_silence(self):
+    def test_a_refusal_changes_and_logs_nothing(self):
         self.bus("NO")
-        program = UsersProgram(self, self.desk)
+        program = self.program()
         self.assertPlays(program)
-        until(lambda: "tessary-rtkit" not in [name for name, _, _ in scheduling(program)], 10, "it has asked")
-        self.assertEqual({policy for _, policy, _ in scheduling(program)}, {ORDINARY})
-        self.assertFalse([line for line in program.terminate() if "real" in line.lower() or "priorit" in line.lower()])
+        until(lambda: "tessary-rtkit" not in names(program), 10, "it has asked")
+        self.assertEqual({thread.policy for thread in threads(program)}, {ORDINARY})
+        self.assertFalse([line for line in program.terminate() if re.search("real|priorit", line, re.I)])
 
-    def mute_bus(self):
-        """The variables of a program whose system bus never answers."""
+    def test_a_bus_that_never_answers_delays_neither_launch_nor_end(self):
         path = self.directory / "mute"
         mute = socket.socket(socket.AF_UNIX)
         self.addCleanup(mute.close)
         mute.bind(str(path))
         mute.listen(100)
         path.chmod(0o777)
-        return {"DBUS_SYSTEM_BUS_ADDRESS": f"unix:path={path}"}
-
-    def test_a_bus_that_never_answers_holds_nobody_up(self):
-        program = UsersProgram(self, self.desk, self.mute_bus())
-        until(lambda: {"tessary-rtkit", "QDBusConnection"} <= {name for name, _, _ in scheduling(program)}, 10,
-              "it asks, and goes on")
-        self.assertEqual({policy for _, policy, _ in scheduling(program)}, {ORDINARY})
-        program.terminate()  # within a second
-
-    def test_a_bus_that_never_answers_does_not_keep_the_program_from_ending(self):
-        variables = self.mute_bus()
+        variables = {"DBUS_SYSTEM_BUS_ADDRESS": f"unix:path={path}"}
+        program = self.program(**variables)
+        until(lambda: {"tessary-rtkit", "QDBusConnection"} <= names(program), 10, "it asks, and goes on")
+        self.assertEqual({thread.policy for thread in threads(program)}, {ORDINARY})
+        program.terminate()
         for _ in range(12):  # which of the threads that ask the bus comes first is left to chance
             program = Program(self, self.desk, variables=variables)
             until(lambda: blocks(pathlib.Path("/proc", str(program.pid)), signal.SIGTERM), 10, "it handles the signal")
