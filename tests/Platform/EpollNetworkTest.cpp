@@ -201,7 +201,8 @@ TEST_F(EpollNetworkTest, DatagramsThatArriveWhileASocketIsConnectedAreFiltered) 
 
 TEST_F(EpollNetworkTest, AClosedPortMeansReadyAgainASecondLaterUntilThePeerHasSentADatagram) {
     const std::uint16_t closed = freePort();
-    open("silent")->send(bytes("to a peer that is silent"));
+    const auto silent = open("silent");
+    silent->send(bytes("to a peer that is silent"));
     const auto late = start("late", local, secondHost, closed);
     EXPECT_EQ(next(), "late is ready");
     late->send(bytes("refused"));
@@ -234,7 +235,8 @@ TEST_F(EpollNetworkTest, APortThatAnotherProgramHoldsFailsOnceAndIsTriedAgainUnt
 
 // A socket that stays readable and watched would keep the thread busy.
 TEST_F(EpollNetworkTest, AConnectionThatIsCancelledReleasedOrStoppedReceivesNothing) {
-    open("cancelled")->cancel();
+    const auto cancelled = open("cancelled");
+    cancelled->cancel();
     EXPECT_EQ(next(), "cancelled is cancelled");
     peer.sendTo(local, bytes("one"));
     open("released").reset();
