@@ -22,8 +22,9 @@ namespace tessary::discovery {
 
 namespace {
 
-/// Audio and MIDI programs take precedence, even if the network keeps this process busy.
-constexpr int niceness = 10;
+/// Audio and MIDI programs take precedence even if the network keeps this process busy, yet on a busy machine
+/// it still finds devices.
+constexpr int niceness = 5;
 
 bool limit(__rlimit_resource_t resource, rlim_t most) {
     rlimit wanted{};
