@@ -149,7 +149,7 @@ class EpollNetworkTest : public testing::Test {
     }
 
     const std::uint16_t local = freePort();
-    EpollNetwork network{{local}}; // which holds the port, as the program does from launch on
+    EpollNetwork network{std::initializer_list<std::uint16_t>{local}}; // holds it, as the program does
     PeerSocket peer{firstHost};
     std::shared_ptr<Reports<std::string>> reports = std::make_shared<Reports<std::string>>();
 };
@@ -320,7 +320,8 @@ TEST_F(EpollNetworkTest, TimersLeftAtTheEndAreDroppedEvenIfThatPostsMore) {
         EpollNetwork ending({});
         const Queue queue = ending.makeQueue("test");
         queue->postAfter(1h, [last = owned(queue, 2)] {});
-        const Hold untilItIsATimer(ending);
+        { const Hold untilItIsATimer(ending); }
+        ending.stop(); // as the program does, before it is destroyed
     }
     EXPECT_EQ(dropped, 3);
 }

@@ -19,8 +19,8 @@ from lab.programs import BUILD, JackServer, Program, SystemTest, exclusive, scal
 
 SOURCE = "Tessary Link:0"  # client by name, port by number: as a saved connection has it
 SYNTHESIZER = "FLUID Synth (tessary)"
-TOOLS = ("aconnect", "arecordmidi", "aseqdump", "aj-snapshot", "chrt", "dbus-daemon", "fluidsynth", "jackd", "modprobe", "pipewire",
-         "pw-jack", "wireplumber")
+TOOLS = ("aconnect", "arecordmidi", "aseqdump", "aj-snapshot", "chrt", "dbus-daemon", "fluidsynth", "jackd", "modprobe",
+         "pipewire", "pw-jack", "wireplumber")
 TIMEOUT = 60  # seconds; an emulated machine is slow
 
 

@@ -6,7 +6,7 @@ import select
 import signal
 import unittest
 
-from lab.programs import IS_SANITIZED, JackServer, LongReceiver, Program, SystemTest, mixed, scale
+from lab.programs import IS_SANITIZED, JackServer, LongReceiver, Program, SystemTest, exclusive, mixed, scale
 
 
 class Output(SystemTest):
@@ -83,7 +83,12 @@ class Output(SystemTest):
         self.device(self.stage, "--name", "Piano", "--play", "mixed", "--sysex-size", size, "--rate", 50,
                     "--messages", count)
         receiver.wait_for_messages(count)
-        self.assertEqual(receiver.messages, [mixed(number, size) for number in range(count)])
+        burst = 10  # more than a cycle of JACK has room for
+        self.device(self.stage, "--name", "Organ", "--address", "10.77.7.3", "--play", "sysex", "--sysex-size", size,
+                    "--rate", 1000, "--messages", burst)
+        receiver.wait_for_messages(count + burst)
+        self.assertEqual(receiver.messages, [mixed(number, size) for number in range(count)]
+                         + [exclusive(number, size) for number in range(burst)])
         self.assertGreater(len({line.partition(":")[0] for line in receiver.lines}), 10, "frames of a cycle")
 
     def test_jack_server_hangs(self):

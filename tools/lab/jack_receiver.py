@@ -1,5 +1,5 @@
-"""A JACK client that prints the messages at its input port: the frame in the cycle, and the bytes. jack_midi_dump, which
-prints them alike, takes none of more than 128 bytes.
+"""A JACK client that prints the messages at its input port: the frame in the cycle, and the bytes. jack_midi_dump prints
+them alike, but takes none of more than 128 bytes.
 
     jack_receiver.py NAME
 """
