@@ -116,7 +116,8 @@ class Sequencer(SystemTest):
         """The names of the clients that the source is connected to, one for each connection."""
         clients = self._clients()
         targets = re.search(r"Connecting To: (.*)", self.clients().get("Tessary Link", ""))
-        return [clients[int(target.split(":")[0])][0] for target in targets[1].split(",")] if targets else []
+        numbers = [int(target.split(":")[0]) for target in targets[1].split(",")] if targets else []
+        return [clients[number][0] for number in numbers if number in clients]  # one may just have left
 
     @staticmethod
     def _clients():
