@@ -19,7 +19,7 @@ class AutostartEntry : public LoginService {
     explicit AutostartEntry(std::filesystem::path executable,
                             const std::vector<std::filesystem::path>& folders = defaultFolders());
 
-    /// `autostart` in the configuration folders of the XDG Base Directory specification.
+    /// `autostart` in the configuration folders of the XDG base directories.
     static std::vector<std::filesystem::path> defaultFolders();
 
     /// Makes the entry start the program. A command line that already does so is kept, with its options.
