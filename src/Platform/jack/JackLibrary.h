@@ -24,7 +24,7 @@ struct JackLibrary {
     FUNCTION(midi_get_event_count)                                                                           \
     FUNCTION(get_cycle_times)                                                                                \
     FUNCTION(get_time)
-#define TESSARY_DECLARE(name) decltype(&jack_##name) name = nullptr;
+#define TESSARY_DECLARE(name) decltype(&jack_##name) name = nullptr; // NOLINT(bugprone-macro-parentheses)
     TESSARY_JACK_FUNCTIONS(TESSARY_DECLARE)
 #undef TESSARY_DECLARE
 
