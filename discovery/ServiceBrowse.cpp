@@ -19,10 +19,6 @@ constexpr auto reportDelay = 10ms;
 constexpr auto largeReportDelay = 100ms;
 constexpr std::size_t largeReport = 256;
 
-/// avahi-daemon reports ALL_FOR_NOW after its first query, and repeats the query after 1 s and 3 s. A service
-/// that has not answered by then is gone.
-constexpr auto rediscoveryTime = 3s;
-
 /// How long after a failed lookup the end of the daemon may be reported.
 constexpr auto disconnectTime = 1s;
 
@@ -60,22 +56,13 @@ void ServiceBrowse::handle(const ServiceEvent& event) {
         seen_.erase(service);
         return scheduleReport();
     case AVAHI_BROWSER_ALL_FOR_NOW:
-        return afterAllForNow();
+        retryDelay_ = 1s;
+        return;
     case AVAHI_BROWSER_CACHE_EXHAUSTED:
         return;
     case AVAHI_BROWSER_FAILURE:
         return handleFailure(event.error);
     }
-}
-
-void ServiceBrowse::afterAllForNow() {
-    retryDelay_ = 1s;
-    loop_.after(rediscoveryTime, [weak = weak_from_this(), lookup = std::weak_ptr(lookup_)] {
-        const auto self = weak.lock();
-        if (!self || lookup.expired()) return;
-        self->reportChanges();
-        self->report_(Complete{self->number_});
-    });
 }
 
 /// If the daemon has not ended, retries the browse with growing delays.

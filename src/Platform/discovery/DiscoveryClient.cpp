@@ -20,6 +20,11 @@ using namespace discovery;
 
 namespace {
 
+/// How long a result of the previous process or daemon stays listed until the next one has found it. Avahi
+/// sends its query after 0, 1, 3, 7 and 15 s, so an available service has the time to answer even if others
+/// keep discovery busy.
+constexpr auto keepTime = std::chrono::seconds(20);
+
 std::string withoutFullStop(std::string text) {
     if (text.ends_with('.')) text.pop_back();
     return text;
@@ -37,7 +42,8 @@ struct ServiceName {
 class DiscoveryClient::Directory {
   public:
     Directory(EventLoop& loop, Log& log, std::filesystem::path executable)
-        : process_(std::in_place, loop, log, std::move(executable),
+        : loop_(loop)
+        , process_(std::in_place, loop, log, std::move(executable),
                    DiscoveryProcess::Handlers{
                        .started = [this] { askAgain(); },
                        .reported =
@@ -51,7 +57,11 @@ class DiscoveryClient::Directory {
     void endBrowse(const std::shared_ptr<BrowserHandlers>& handlers);
 
     /// Ends the process. Later requests have no effect.
-    void end() { process_.reset(); }
+    void end() {
+        process_.reset();
+        for (auto& [number, browse] : browses_)
+            keepNoLonger(browse);
+    }
 
     /// Returns the number of the service, for `stop`.
     std::uint32_t resolve(const std::shared_ptr<Resolver>& resolver, std::chrono::milliseconds timeout);
@@ -66,7 +76,8 @@ class DiscoveryClient::Directory {
         std::shared_ptr<Queue> queue;
         std::shared_ptr<BrowserHandlers> handlers;
         std::set<Result> seen{};
-        std::set<Result> kept{}; // found before a restart; kept until the new set is complete
+        std::set<Result> kept{}; // found before a restart
+        std::optional<EventLoop::TimerID> keepTimer{};
         std::set<std::string> reported{};
         std::set<std::string> renewed{}; // to be reported as gone and then as new
         bool isReportDue = false;
@@ -89,12 +100,12 @@ class DiscoveryClient::Directory {
     bool handle(const Unlisted& report);
     bool handle(const Changed& report);
     bool handle(const Restarted& report);
-    bool handle(const Complete& report);
     bool handle(const BrowseFailed& report);
     bool handle(const Resolved& report);
     bool handle(const Unresolved& report);
 
     void restart(BrowseState& browse);
+    void keepNoLonger(BrowseState& browse);
     void reportSoon(BrowseState& browse);
     void report(BrowseState& browse);
     bool isListed(const std::string& type, const std::string& name) const;
@@ -103,6 +114,7 @@ class DiscoveryClient::Directory {
     void endIfUnused(Services::iterator service);
     void endUnlisted(const std::string& type, const std::string& name);
 
+    EventLoop& loop_;
     std::map<std::uint32_t, BrowseState> browses_;
     Services services_;
     std::map<ServiceName, std::uint32_t> numberOf_;
@@ -196,6 +208,7 @@ void DiscoveryClient::Directory::endBrowse(const std::shared_ptr<BrowserHandlers
     const auto found =
         std::ranges::find_if(browses_, [&](const auto& entry) { return entry.second.handlers == handlers; });
     send(EndBrowse{found->first});
+    keepNoLonger(found->second);
     browses_.erase(found);
 }
 
@@ -209,7 +222,10 @@ bool DiscoveryClient::Directory::handle(const Listed& report) {
 
 bool DiscoveryClient::Directory::handle(const Unlisted& report) {
     const auto found = browses_.find(report.browse);
-    if (found != browses_.end()) found->second.seen.erase({report.name, report.domain, report.interface});
+    if (found == browses_.end()) return true;
+    const Result result{report.name, report.domain, report.interface};
+    found->second.seen.erase(result);
+    found->second.kept.erase(result);
     return true;
 }
 
@@ -225,15 +241,20 @@ bool DiscoveryClient::Directory::handle(const Restarted& report) {
     return true;
 }
 
+/// The results stay listed until they have had the time to be found again.
 void DiscoveryClient::Directory::restart(BrowseState& browse) {
     for (const Result& result : std::exchange(browse.seen, {}))
         if (browse.kept.size() < maxListed) browse.kept.insert(result);
+    if (browse.keepTimer) loop_.cancel(*browse.keepTimer);
+    browse.keepTimer = loop_.at(EventLoop::Clock::now() + keepTime, [this, &browse] {
+        keepNoLonger(browse);
+        reportSoon(browse);
+    });
 }
 
-bool DiscoveryClient::Directory::handle(const Complete& report) {
-    const auto found = browses_.find(report.browse);
-    if (found != browses_.end() && !std::exchange(found->second.kept, {}).empty()) reportSoon(found->second);
-    return true;
+void DiscoveryClient::Directory::keepNoLonger(BrowseState& browse) {
+    browse.kept.clear();
+    if (browse.keepTimer) loop_.cancel(*std::exchange(browse.keepTimer, std::nullopt));
 }
 
 bool DiscoveryClient::Directory::handle(const BrowseFailed& report) {

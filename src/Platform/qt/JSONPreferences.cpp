@@ -21,9 +21,9 @@ QString text(std::string_view utf8) {
     return QString::fromUtf8(utf8.data(), static_cast<qsizetype>(utf8.size()));
 }
 
-/// The file has a few hundred bytes. Without a limit, a sparse file of a gigabyte would take a gigabyte of
-/// memory.
-constexpr qint64 maxFileSize = qint64{1} << 20;
+/// Room for millions of trusted addresses. Without a limit, a sparse file of a gigabyte would take a gigabyte
+/// of memory.
+constexpr qint64 maxFileSize = qint64{64} << 20;
 
 /// Whether the path is a folder, a pipe or a device. Reading one may block forever, and it must not be
 /// replaced.
