@@ -101,7 +101,7 @@ TEST_F(JSONPreferencesTest, AFileThatIsNoObjectIsSetAsideAtTheNextWrite) {
     EXPECT_EQ(read(file.string() + ".unreadable-2"), "[1]");
     EXPECT_EQ(read(file.string() + ".unreadable-3"), "");
 
-    write(file, R"({"a": 2})" + std::string(1 << 20, ' ')); // too large to be ours
+    write(file, R"({"a": 2})" + std::string(64 << 20, ' ')); // too large to be ours
     EXPECT_EQ(JSONPreferences(file).number("a"), std::nullopt);
 }
 
