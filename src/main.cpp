@@ -24,18 +24,28 @@
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string_view>
 #include <system_error>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace tessary {
 
 namespace {
 
-QtApplication* app = nullptr;
+/// Ends in order what devices, other programs and the user notice.
+std::function<void()> endInOrder;
+
+/// The one end of a running program. No destructors or exit handlers follow, because Qt's may wait for a bus
+/// that does not answer.
+[[noreturn]] void endProcess(int status) {
+    std::exchange(endInOrder, nullptr)();
+    _exit(status);
+}
 
 /// Every music program sees the ALSA sequencer's ports, and bridges show them to JACK's programs too. Only
 /// one of the two, or each device would play twice.
@@ -44,29 +54,26 @@ std::unique_ptr<MIDIOutput> makeMIDIOutput(Log& log) {
     return std::make_unique<JackOutput>(log);
 }
 
-int runApplication(char* programName) {
+void runApplication(char* programName) {
     // Output that leads nowhere, or to a full file, is no reason to stop playing.
     signal(SIGPIPE, SIG_IGN);
     signal(SIGXFSZ, SIG_IGN);
     raiseOpenFileLimit();
+    EventLoop mainLoop;
+    QtApplication application(mainLoop, programName); // blocks the signals, so it comes before all threads
     const std::string preferencesPath = JSONPreferences::defaultPath();
-    const InstanceLock lock(
-        InstanceLock::defaultFolders(std::filesystem::path(preferencesPath).parent_path()));
+    InstanceLock lock(InstanceLock::defaultFolders(std::filesystem::path(preferencesPath).parent_path()));
     if (lock.isHeldElsewhere()) {
         StandardOutputLog(STDOUT_FILENO).line("Tessary Link is already running");
-        return 0;
+        return;
     }
 
-    static EventLoop& mainLoop =
-        *new EventLoop; // never destroyed: a thread that asks a silent display may be left
-    // Takes the signals, so it comes before every thread of ours.
-    auto application = std::make_unique<QtApplication>(mainLoop, programName);
     StandardOutputLog log(STDOUT_FILENO);
     LoopQueue mainQueue(mainLoop, TimerAlignment::wholeSeconds);
     EpollNetwork network({RTPMIDISession::controlLocalPort, RTPMIDISession::dataLocalPort},
                          Scheduling::realTime);
     DiscoveryClient serviceDiscovery(mainLoop, mainQueue, log, DiscoveryClient::defaultExecutable());
-    const std::unique_ptr<MIDIOutput> midiOutput = makeMIDIOutput(log);
+    std::unique_ptr<MIDIOutput> midiOutput = makeMIDIOutput(log);
     JSONPreferences preferences(preferencesPath);
     QtStatusBar statusBar;
     std::error_code ignored; // without /proc there is no path, and registering reports that
@@ -75,31 +82,33 @@ int runApplication(char* programName) {
     SystemRandom random;
     const QtText text;
 
-    app = application.get();
-    auto delegate = std::make_shared<AppDelegate>(Platform{*application, mainQueue, network, serviceDiscovery,
-                                                           *midiOutput, preferences, statusBar, loginService,
-                                                           clock, random, text, log});
-    std::atexit([] {
-        if (app) app->processIsExiting();
-    });
+    const auto delegate = std::make_shared<AppDelegate>(
+        Platform{application, mainQueue, network, serviceDiscovery, *midiOutput, preferences, statusBar,
+                 loginService, clock, random, text, log});
+    endInOrder = [&] {
+        delegate->applicationWillTerminate(); // BY on every session
+        network.stop();
+        midiOutput.reset();
+        log.flush();
+        lock.release();
+    };
 
     delegate->applicationDidFinishLaunching();
     const std::vector<Observation> menuContent =
         delegate->observeMenuContent([&] { statusBar.menuContentDidChange(); });
-    const int status = application->run(
-        {.displayAnswered = [&] { statusBar.displayAnswered(); },
-         .displayIsSilent =
-             [&] { log.line("[StatusItem] the display does not answer; the icon appears once it does"); },
-         .willTerminate =
-             [&] {
-                 delegate->applicationWillTerminate();
-                 network.stop(); // nothing arrives any more while the rest comes down
-             }});
-    delegate.reset();
-    app = nullptr;
-    // Qt's own end would read all fonts, and wait for a bus that does not answer.
-    if (!isSanitized) static_cast<void>(application.release());
-    return status;
+    application.run({.processIsExiting =
+                         [] {
+                             if (endInOrder) endProcess(EXIT_FAILURE);
+                         },
+                     .displayAnswered = [&] { statusBar.displayAnswered(); },
+                     .displayIsSilent =
+                         [&] {
+                             log.line("[StatusItem] the display does not answer; the icon appears once it "
+                                      "does");
+                         }});
+    if (!isSanitized) endProcess(EXIT_SUCCESS);
+    endInOrder(); // destructors follow, so that leaks show
+    endInOrder = nullptr;
 }
 
 constexpr const char* help = R"(Usage: tessary-link [OPTION]
@@ -128,9 +137,8 @@ std::optional<int> answerArgument(const char* argument) {
 int main(int, char** argv) {
     if (const auto status = tessary::answerArgument(argv[0] ? argv[1] : nullptr)) return *status;
     try {
-        const int status = tessary::runApplication(argv[0]);
-        if (!tessary::isSanitized) _exit(status);
-        return status;
+        tessary::runApplication(argv[0]);
+        return EXIT_SUCCESS;
     } catch (const std::exception& error) { // limits on threads, files or memory
         std::fprintf(stderr, "tessary-link: cannot run: %s\n", error.what());
         std::_Exit(EXIT_FAILURE);

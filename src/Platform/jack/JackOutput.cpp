@@ -35,7 +35,7 @@ constexpr std::size_t ringCapacity = 1 << 20;
 
 /// Launch waits this long, twice, for a server that exists but does not answer. The source then appears when
 /// the server answers.
-constexpr auto answerTimeout = 300ms;
+constexpr auto answerTimeout = 100ms;
 /// The end of the program waits this long for such a server.
 constexpr auto closeTimeout = 200ms;
 /// A lost server is looked for at this interval; a failed attempt costs one refused `connect`.

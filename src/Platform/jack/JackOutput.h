@@ -27,7 +27,7 @@ class JackOutput : public MIDIOutput {
     /// Takes about 200 milliseconds at most, even if the server hangs.
     ~JackOutput() override;
 
-    /// A server that exists but does not answer within 0.3 seconds is no failure: the source appears once it
+    /// A server that exists but does not answer within 0.1 seconds is no failure: the source appears once it
     /// answers.
     ///
     /// Errors: the negated `jack_status_t` of libjack, above all for no server; -EBUSY after the first call;

@@ -4,6 +4,7 @@
 #include "Platform/system/OpenFile.h"
 
 #include <QApplication>
+#include <QDBusConnection>
 #include <QSessionManager>
 #include <QSocketNotifier>
 #include <array>
@@ -21,15 +22,8 @@ namespace {
 
 constexpr auto displayTimeout = std::chrono::seconds(10);
 
-/// Limits the time until the process ends: destructors may block, as Qt's does, which waits for its D-Bus
-/// thread, which waits for a bus that does not answer.
-void endSoon() {
-    signal(SIGALRM, [](int) { _exit(EXIT_SUCCESS); });
-    alarm(3);
-}
-
 /// Qt calls abort() if it cannot load a platform plugin, for example because the process has too many open
-/// files. Exits instead, so that the exit handler ends the sessions.
+/// files. Calls exit() instead, which ends the sessions.
 void exitOnFatalError(QtMsgType type, const QMessageLogContext& context, const QString& text) {
     std::fprintf(stderr, "%s\n", qFormatLogMessage(type, context, text).toLocal8Bit().constData());
     if (type == QtFatalMsg) std::exit(EXIT_FAILURE);
@@ -98,34 +92,26 @@ QtApplication::QtApplication(EventLoop& loop, char* programName)
 
 QtApplication::~QtApplication() = default;
 
-int QtApplication::run(Handlers handlers) {
-    handlers_ = std::move(handlers);
+void QtApplication::run(const Handlers& handlers) {
     Display::ask(loop_, [this] { isDisplayThere_ = true; });
-    const auto silence =
-        loop_.at(EventLoop::Clock::now() + displayTimeout, [this] { handlers_.displayIsSilent(); });
+    const auto silence = loop_.at(EventLoop::Clock::now() + displayTimeout, handlers.displayIsSilent);
     while (!isDisplayThere_ && !isTerminating_)
         loop_.serveOne(-1);
     loop_.cancel(silence);
-    if (!isTerminating_) {
-        qInstallMessageHandler(exitOnFatalError);
-        qt_ = std::make_unique<Qt>(loop_, programName_);
-        handlers_.displayAnswered();
-        QCoreApplication::exec();
-    }
-    std::exchange(handlers_.willTerminate, nullptr)();
-    endSoon();
-    return EXIT_SUCCESS;
+    if (isTerminating_) return;
+    qInstallMessageHandler(exitOnFatalError);
+    qt_ = std::make_unique<Qt>(loop_, programName_);
+    // Exit handlers run in the reverse order, and the one that Qt registers with its first use of D-Bus waits
+    // for a bus that may not answer. So that use comes before ours.
+    static_cast<void>(QDBusConnection(QString()));
+    std::atexit(handlers.processIsExiting);
+    handlers.displayAnswered();
+    QCoreApplication::exec();
 }
 
 void QtApplication::terminate() {
     isTerminating_ = true;
     if (qt_) QCoreApplication::quit();
-}
-
-void QtApplication::processIsExiting() {
-    if (!handlers_.willTerminate) return;
-    std::exchange(handlers_.willTerminate, nullptr)();
-    _exit(EXIT_FAILURE);
 }
 
 } // namespace tessary

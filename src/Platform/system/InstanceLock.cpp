@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
+#include <utility>
 
 namespace tessary {
 
@@ -34,9 +35,13 @@ InstanceLock::InstanceLock(const std::vector<std::string>& folders) {
 }
 
 InstanceLock::~InstanceLock() {
+    release();
+}
+
+void InstanceLock::release() {
     if (file_ < 0) return;
     unlink(path_.c_str()); // first, while no other process can hold it
-    close(file_);
+    close(std::exchange(file_, -1));
 }
 
 bool InstanceLock::lock() {

@@ -14,10 +14,14 @@ class InstanceLock {
     explicit InstanceLock(const std::vector<std::string>& folders);
     InstanceLock(const InstanceLock&) = delete;
     InstanceLock& operator=(const InstanceLock&) = delete;
+    /// Releases it.
     ~InstanceLock();
 
     /// Whether another process holds it. A machine on which no file can be locked has no other.
     bool isHeldElsewhere() const { return isHeldElsewhere_; }
+
+    /// Removes the file; another process may lock it from then on.
+    void release();
 
     /// The user's runtime folder (XDG Base Directory), then `preferences`, the folder of the preferences.
     static std::vector<std::string> defaultFolders(const std::string& preferences);

@@ -19,7 +19,7 @@ namespace {
 /// Hours of ordinary lines, a second or two of heavy logging.
 constexpr std::size_t mostWaiting = std::size_t{256} * 1024;
 
-constexpr auto flushPatience = std::chrono::milliseconds(200);
+constexpr auto flushTimeout = std::chrono::milliseconds(200);
 
 /// Returns whether all of it was written; blocks while the reader does not read.
 bool writeAll(int fileDescriptor, std::string_view text) {
@@ -76,11 +76,16 @@ StandardOutputLog::StandardOutputLog(int fileDescriptor)
 }
 
 StandardOutputLog::~StandardOutputLog() {
-    std::unique_lock lock(lines_->mutex);
-    lines_->drained.wait_for(lock, flushPatience,
-                             [&] { return lines_->waiting.empty() && !lines_->isWriting; });
+    flush();
+    const std::lock_guard lock(lines_->mutex);
     lines_->isEnding = true;
     lines_->wake.notify_one();
+}
+
+void StandardOutputLog::flush() {
+    std::unique_lock lock(lines_->mutex);
+    lines_->drained.wait_for(lock, flushTimeout,
+                             [&] { return lines_->waiting.empty() && !lines_->isWriting; });
 }
 
 void StandardOutputLog::line(std::string_view text) {

@@ -15,10 +15,13 @@ class StandardOutputLog : public Log {
 
     StandardOutputLog(const StandardOutputLog&) = delete;
     StandardOutputLog& operator=(const StandardOutputLog&) = delete;
-    /// Waits briefly until everything is written, but not for a reader that does not read.
+    /// Flushes.
     ~StandardOutputLog() override;
 
     void line(std::string_view text) override;
+
+    /// Waits until everything is written, for at most 200 ms: the reader may not read.
+    void flush();
 
   private:
     struct Lines;
