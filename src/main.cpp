@@ -23,6 +23,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <fcntl.h>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -52,6 +53,16 @@ std::function<void()> endInOrder;
 std::unique_ptr<MIDIOutput> makeMIDIOutput(Log& log) {
     if (AlsaOutput::isAvailable()) return std::make_unique<AlsaOutput>(log);
     return std::make_unique<JackOutput>(log);
+}
+
+/// Opens /dev/null for each standard stream that is closed. Otherwise the next file that the program opens
+/// would take its place, and the log would be written into that file.
+void openStandardStreams() {
+    int file = 0;
+    do
+        file = open("/dev/null", O_RDWR);
+    while (file >= 0 && file <= STDERR_FILENO);
+    if (file >= 0) close(file);
 }
 
 void runApplication(char* programName) {
@@ -135,6 +146,7 @@ std::optional<int> answerArgument(const char* argument) {
 } // namespace tessary
 
 int main(int, char** argv) {
+    tessary::openStandardStreams();
     if (const auto status = tessary::answerArgument(argv[0] ? argv[1] : nullptr)) return *status;
     try {
         tessary::runApplication(argv[0]);

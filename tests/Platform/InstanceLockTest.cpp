@@ -40,17 +40,18 @@ TEST_F(InstanceLockTest, ALockOfAKilledProgramIsFree) {
     EXPECT_TRUE(test::listed(folder / "run").empty());
 }
 
-TEST_F(InstanceLockTest, AFolderThatCannotBeUsedGivesWayToTheNext) {
-    const std::string unusable = folder / "file";
+TEST_F(InstanceLockTest, EveryFolderThatCanBeUsedIsLocked) {
+    const std::string unusable = folder / "file", config = folder / "config/tessary-link";
     test::write(unusable, "no folder");
-    const std::vector<std::string> both{unusable, folder / "config/tessary-link"};
-    const InstanceLock first(both);
+    const InstanceLock first({unusable, folders.front(), config});
     EXPECT_FALSE(first.isHeldElsewhere());
-    EXPECT_TRUE(InstanceLock(both).isHeldElsewhere());
+    EXPECT_TRUE(InstanceLock({config}).isHeldElsewhere()) << "as started by ssh, without a runtime folder";
+    EXPECT_TRUE(InstanceLock({folder / "other", config}).isHeldElsewhere());
+    EXPECT_TRUE(test::listed(folder / "other").empty());
     EXPECT_FALSE(InstanceLock({unusable}).isHeldElsewhere()) << "without any lock the program runs";
 }
 
-TEST_F(InstanceLockTest, TheRuntimeFolderComesFirst) {
+TEST_F(InstanceLockTest, TheFoldersAreTheRuntimeFolderAndThatOfThePreferences) {
     const std::string usable = folder.path();
     setenv("XDG_RUNTIME_DIR", usable.c_str(), 1);
     EXPECT_EQ(InstanceLock::defaultFolders("/p"), (std::vector<std::string>{usable, "/p"}));

@@ -8,7 +8,6 @@
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
-#include <utility>
 
 namespace tessary {
 
@@ -29,9 +28,9 @@ InstanceLock::InstanceLock(const std::vector<std::string>& folders) {
     for (const std::string& folder : folders) {
         std::error_code ignored;
         std::filesystem::create_directories(folder, ignored);
-        path_ = folder + "/tessary-link.lock";
-        if (lock()) return;
+        lock(folder + "/tessary-link.lock");
     }
+    if (isHeldElsewhere_) release();
 }
 
 InstanceLock::~InstanceLock() {
@@ -39,23 +38,23 @@ InstanceLock::~InstanceLock() {
 }
 
 void InstanceLock::release() {
-    if (file_ < 0) return;
-    unlink(path_.c_str()); // first, while no other process can hold it
-    close(std::exchange(file_, -1));
+    for (const auto& [path, file] : locked_)
+        unlink(path.c_str()); // before it is closed, while no other process can hold it
+    locked_.clear();
 }
 
-bool InstanceLock::lock() {
+void InstanceLock::lock(const std::string& path) {
     while (true) {
-        const int file = open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-        if (file < 0) return false;
-        const bool isLocked = flock(file, LOCK_EX | LOCK_NB) == 0;
-        isHeldElsewhere_ = !isLocked && errno == EWOULDBLOCK;
-        if (isLocked && isAt(file, path_)) {
-            file_ = file;
-            return true;
+        OpenFile file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+        if (!file) return;
+        if (flock(file.file(), LOCK_EX | LOCK_NB) != 0) {
+            isHeldElsewhere_ |= errno == EWOULDBLOCK; // otherwise this file system has no locks
+            return;
         }
-        close(file);
-        if (!isLocked) return isHeldElsewhere_; // else there are no locks on this file system
+        if (isAt(file.file(), path)) {
+            locked_.emplace_back(path, std::move(file));
+            return;
+        }
     }
 }
 
