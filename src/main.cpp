@@ -86,7 +86,7 @@ void runApplication(char* programName) {
     DiscoveryClient serviceDiscovery(mainLoop, mainQueue, log, DiscoveryClient::defaultExecutable());
     std::unique_ptr<MIDIOutput> midiOutput = makeMIDIOutput(log);
     JSONPreferences preferences(preferencesPath);
-    QtStatusBar statusBar;
+    QtStatusBar statusBar(log);
     std::error_code ignored; // without /proc there is no path, and registering reports that
     AutostartEntry loginService(std::filesystem::read_symlink("/proc/self/exe", ignored));
     const SystemClock clock;

@@ -45,6 +45,9 @@ CoreMIDIBridge::CoreMIDIBridge(const Platform& platform)
     if (const MIDIStatus status = output_.createSource(client_, sourceName, midiProtocol1_0, source_);
         status != 0)
         platform.log.line("[CoreMIDI] MIDISourceCreate failed: " + std::to_string(status));
+    if (source_ == 0)
+        platform.log.line("[CoreMIDI] devices connect, but nothing is published: there is no ALSA sequencer "
+                          "(/dev/snd/seq) and no JACK server; start Tessary Link again once there is one");
     output_.setUniqueID(source_, sourceUniqueID);
 }
 

@@ -17,6 +17,7 @@ constexpr const char* trustedKey = "TessaryLink.trustedPeerIPs.v1";
 constexpr const char* appleMidiType = "_apple-midi._udp";
 constexpr const char* linkType = "_tessarylink._tcp";
 constexpr auto resolutionTimeout = 5s;
+constexpr auto searchTimeout = 60s; // until the log says what may keep devices from being found
 
 /// One element that is not a text invalidates the whole list.
 std::set<std::string> loadTrustedIPs(const Preferences& preferences) {
@@ -61,6 +62,16 @@ void PeerDiscovery::start() {
     linkBrowser = makeBrowser(linkType);
     (*appleMidiBrowser)->start(queue_, handlersFor(appleMidiType, &PeerDiscovery::handleAppleMidiResults));
     (*linkBrowser)->start(queue_, handlersFor(linkType, &PeerDiscovery::handleLinkResults));
+    platform_.mainQueue.postAfter(searchTimeout, [weak = weak_from_this()] {
+        if (const auto self = weak.lock()) self->reportSilence();
+    });
+}
+
+void PeerDiscovery::reportSilence() {
+    if (hasFoundServices_) return;
+    platform_.log.line(
+        "[Discovery] nothing found yet: no Tessary app is open on this network, or a firewall or the "
+        "access point keeps multicast DNS (UDP 5353) from passing");
 }
 
 std::shared_ptr<ServiceBrowser> PeerDiscovery::makeBrowser(const std::string& type) {
@@ -110,6 +121,7 @@ void PeerDiscovery::syncResolvers(const std::string& type, const std::set<std::s
     const auto isKnown = [&](const std::string& name) {
         return type == appleMidiType ? appleMidiResolved->contains(name) : markerIPByName->contains(name);
     };
+    hasFoundServices_ |= !names.empty();
     for (const std::string& name : names) {
         if (isKnown(name)) continue;
         const std::string key = type + "|" + name;

@@ -67,9 +67,11 @@ class PeerDiscovery : public std::enable_shared_from_this<PeerDiscovery> {
     void syncResolvers(const std::string& type, const std::set<std::string>& names);
     void handleResolved(const std::string& type, const std::string& name, const ServiceResolver* service);
     void recompute();
+    void reportSilence();
 
     const Platform platform_;
     const std::shared_ptr<Queue> queue_;
+    bool hasFoundServices_ = false;
 };
 
 } // namespace tessary

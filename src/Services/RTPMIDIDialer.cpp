@@ -83,6 +83,8 @@ void RTPMIDIDialer::reconcile() {
     });
     for (const PeerHost& peer : peers)
         if (!sessions_.contains(peer.ip)) startSession(peer);
+    for (const auto& [ip, session] : sessions_)
+        session->reportSilence();
     refreshStatus();
 }
 

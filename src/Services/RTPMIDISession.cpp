@@ -24,6 +24,9 @@ constexpr auto denseHeartbeat = 1s;
 constexpr int denseHeartbeats = 5;
 constexpr auto sparseHeartbeat = 10s;
 
+/// A device answers an invitation within milliseconds.
+constexpr auto silenceTimeout = 3s;
+
 /// The connections outlive the end-of-session packets by this much.
 constexpr auto cancellationDelay = 100ms;
 
@@ -128,6 +131,27 @@ void RTPMIDISession::endedByPeer(std::string reason) {
     stop();
 }
 
+void RTPMIDISession::reportSilence() {
+    const std::lock_guard lock(mutex_);
+    const Case inviting = state_.which;
+    if (inviting != Case::invitingControl && inviting != Case::invitingData) return;
+    if (platform_.clock.now() - startedAt_ < silenceTimeout) return;
+    if (std::exchange(silenceReportedIn_, inviting) == inviting) return;
+
+    const std::string peer = peerName_ + " at " + remoteHost_.text();
+    if (controlToken_ == 0)
+        platform_.log.line("[RTPMIDI] no way to " + peer + ": no network of this computer leads there");
+    else if (inviting == Case::invitingControl)
+        platform_.log.line("[RTPMIDI] no answer from " + peer +
+                           ": its app is closed, or a firewall or the access point keeps UDP 51204 and 51205 "
+                           "from reaching it; after mending that, choose Reconnect Now");
+    else
+        platform_.log.line("[RTPMIDI] no answer from " + peer + " on its second port, UDP " +
+                           std::to_string(dataRemotePort_) +
+                           ": a firewall keeps UDP 51205 from reaching it; after mending that, choose "
+                           "Reconnect Now");
+}
+
 // Connections
 
 std::shared_ptr<UDPConnection>
@@ -142,6 +166,10 @@ RTPMIDISession::makeUDPConnection(std::uint16_t localPort, std::uint16_t remoteP
             if (const auto existing = weakConnection.lock()) onReady(*existing);
         } else if (state == ConnectionState::failed) {
             log.line("[RTPMIDI] conn failed: " + error.message());
+            if (error == std::errc::address_in_use)
+                log.line(
+                    "[RTPMIDI] another program holds UDP 51204 or 51205 (`ss -lpun` names it); the device "
+                    "connects within 5 seconds after that program has ended");
         }
     };
     handlers.sendFailed = [&log = platform_.log](std::error_code error) {

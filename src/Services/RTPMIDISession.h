@@ -73,6 +73,12 @@ class RTPMIDISession : public std::enable_shared_from_this<RTPMIDISession> {
     /// Runs on: the main thread or the session's queue.
     void stop();
 
+    /// Writes a line with the probable cause once an invitation has been unanswered, or could not be sent,
+    /// for three seconds. To be called every second.
+    ///
+    /// Runs on: the main thread.
+    void reportSilence();
+
     State state() const;
     const std::string& peerName() const { return peerName_; }
 
@@ -123,6 +129,7 @@ class RTPMIDISession : public std::enable_shared_from_this<RTPMIDISession> {
     State state_;                ///< as last stored on the main thread
     int statesOnTheirWay_ = 0;   ///< set, but not stored yet
     bool isRunningSaid_ = false; ///< set, whether it is stored yet or not
+    Case silenceReportedIn_ = Case::idle;
     std::shared_ptr<UDPConnection> controlConn_;
     std::shared_ptr<UDPConnection> dataConn_;
     std::uint32_t controlToken_ = 0; ///< of the last invitation; 0: none sent

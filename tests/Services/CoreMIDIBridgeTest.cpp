@@ -121,6 +121,9 @@ TEST_F(CoreMIDIBridgeTest, PublishesNothingWithoutAMIDISystem) {
     bridge = std::make_unique<CoreMIDIBridge>(machine.platform());
     EXPECT_EQ(published({"903C64", ""}), "");
     bridge.reset();
+    EXPECT_TRUE(
+        machine.log.lines.back().starts_with("[CoreMIDI] devices connect, but nothing is published: "));
+    machine.log.lines.pop_back();
     EXPECT_EQ(machine.log.lines, (std::vector<std::string>{"[CoreMIDI] MIDIClientCreate failed: -50",
                                                            "[CoreMIDI] MIDISourceCreate failed: -22"}));
     EXPECT_EQ(

@@ -36,6 +36,8 @@ TEST_F(RTPMIDIDialerTest, DialsAPeerAtOnceAndOnceAndPlaysIt) {
     EXPECT_EQ(dialerLines(), Lines{dialing});
     time.advance(60s); // a silent peer is left connecting
     EXPECT_EQ(dialerLines(), Lines{dialing});
+    EXPECT_TRUE(log.lines.back().starts_with("[RTPMIDI] no answer from iPad at 10.0.0.2: its app is closed"));
+    EXPECT_EQ(std::ranges::count(log.lines, log.lines.back()), 1);
     EXPECT_EQ(network.newest(51204)->journal->invitations.size(), 1u);
     EXPECT_EQ(status(), (DialerStatus{Status::connecting, "10.0.0.2"}));
 

@@ -7,8 +7,11 @@
 
 #include <QColor>
 #include <QCursor>
+#include <QGuiApplication>
 #include <QIcon>
 #include <QSystemTrayIcon>
+#include <QTimer>
+#include <chrono>
 #include <optional>
 
 namespace tessary {
@@ -19,11 +22,17 @@ namespace {
 const QColor toneForStatusNotifier(0x89, 0x89, 0x89); ///< panels of desktops: white to dark grey (#353535)
 const QColor toneForXEmbed(0x76, 0x76, 0x76);         ///< panels of window managers: white, light grey, black
 
+/// Later than the search for an XEmbed panel begins.
+constexpr std::chrono::seconds panelReportDelay{15};
+
 } // namespace
 
 /// Stores the requested properties, and creates the tray icon from them when there is a panel.
 class QtStatusItem : public StatusItem {
   public:
+    explicit QtStatusItem(Log& log)
+        : log_(log) {}
+
     // The system tray protocols support neither behaviour.
     void setBehavior(StatusItemBehavior) override {}
 
@@ -47,9 +56,17 @@ class QtStatusItem : public StatusItem {
 
   private:
     void lookForHost() {
-        if (isDisplayThere_ && isVisible_ && !host_)
-            host_ = std::make_unique<TrayHost>([this](TrayProtocol protocol) { appear(protocol); },
-                                               [this] { tray_.reset(); });
+        if (!isDisplayThere_ || !isVisible_ || host_) return;
+        host_ = std::make_unique<TrayHost>([this](TrayProtocol protocol) { appear(protocol); },
+                                           [this] { tray_.reset(); });
+        if (QGuiApplication::platformName() != QLatin1String("offscreen"))
+            QTimer::singleShot(panelReportDelay, host_.get(), [this] { reportMissingPanel(); });
+    }
+    void reportMissingPanel() {
+        if (!tray_)
+            log_.line(
+                "[StatusItem] no panel here shows icons (GNOME needs gnome-shell-extension-appindicator); "
+                "devices are connected all the same");
     }
     void appear(TrayProtocol protocol) {
         const bool isWidget = protocol == TrayProtocol::xembed;
@@ -70,6 +87,7 @@ class QtStatusItem : public StatusItem {
         if (!isWidget) StatusNotifierItem::replaceQts(id_, accessibleName_, icon);
     }
 
+    Log& log_;
     QString id_;
     Image image_;
     QString accessibleName_;
@@ -80,11 +98,12 @@ class QtStatusItem : public StatusItem {
     std::unique_ptr<QSystemTrayIcon> tray_;
 };
 
-QtStatusBar::QtStatusBar() = default;
+QtStatusBar::QtStatusBar(Log& log)
+    : log_(log) {}
 QtStatusBar::~QtStatusBar() = default;
 
 std::shared_ptr<StatusItem> QtStatusBar::makeStatusItem(StatusItemLength) {
-    const auto item = std::make_shared<QtStatusItem>();
+    const auto item = std::make_shared<QtStatusItem>(log_);
     if (isDisplayThere_) item->displayAnswered();
     item_ = item;
     return item;

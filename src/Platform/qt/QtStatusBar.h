@@ -1,6 +1,7 @@
 // The status area on Qt's system tray.
 #pragma once
 
+#include "Platform/Log.h"
 #include "Platform/StatusItem.h"
 
 #include <memory>
@@ -15,7 +16,8 @@ class QtStatusItem;
 /// it.
 class QtStatusBar : public StatusBar {
   public:
-    QtStatusBar();
+    /// @param log  outlives the status bar
+    explicit QtStatusBar(Log& log);
     QtStatusBar(const QtStatusBar&) = delete;
     QtStatusBar& operator=(const QtStatusBar&) = delete;
     ~QtStatusBar() override;
@@ -30,6 +32,7 @@ class QtStatusBar : public StatusBar {
     void menuContentDidChange();
 
   private:
+    Log& log_;
     std::weak_ptr<QtStatusItem> item_;
     std::weak_ptr<QtMenu> menu_;
     bool isDisplayThere_ = false;
