@@ -19,6 +19,10 @@ constexpr auto reportDelay = 10ms;
 constexpr auto largeReportDelay = 100ms;
 constexpr std::size_t largeReport = 256;
 
+/// After the first query, which ALL_FOR_NOW follows, Avahi repeats it after 1, 3, 7 and 15 s. A service that
+/// has not answered by then is gone, even if others on the network keep discovery busy.
+constexpr auto rediscoveryTime = 20s;
+
 /// How long after a failed lookup the end of the daemon may be reported.
 constexpr auto disconnectTime = 1s;
 
@@ -56,13 +60,22 @@ void ServiceBrowse::handle(const ServiceEvent& event) {
         seen_.erase(service);
         return scheduleReport();
     case AVAHI_BROWSER_ALL_FOR_NOW:
-        retryDelay_ = 1s;
-        return;
+        return afterAllForNow();
     case AVAHI_BROWSER_CACHE_EXHAUSTED:
         return;
     case AVAHI_BROWSER_FAILURE:
         return handleFailure(event.error);
     }
+}
+
+void ServiceBrowse::afterAllForNow() {
+    retryDelay_ = 1s;
+    loop_.after(rediscoveryTime, [weak = weak_from_this(), lookup = std::weak_ptr(lookup_)] {
+        const auto self = weak.lock();
+        if (!self || lookup.expired()) return;
+        self->reportChanges();
+        self->report_(Complete{self->number_});
+    });
 }
 
 /// If the daemon has not ended, retries the browse with growing delays.

@@ -32,6 +32,7 @@ class ServiceBrowse : public std::enable_shared_from_this<ServiceBrowse> {
     void retry();
     void scheduleReport();
     void reportChanges();
+    void afterAllForNow();
 
     Loop& loop_;
     const std::uint32_t number_;

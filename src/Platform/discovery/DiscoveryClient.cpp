@@ -20,11 +20,6 @@ using namespace discovery;
 
 namespace {
 
-/// How long a result of the previous process or daemon stays listed until the next one has found it. Avahi
-/// sends its query after 0, 1, 3, 7 and 15 s, so an available service has the time to answer even if others
-/// keep discovery busy.
-constexpr auto keepTime = std::chrono::seconds(20);
-
 std::string withoutFullStop(std::string text) {
     if (text.ends_with('.')) text.pop_back();
     return text;
@@ -42,8 +37,7 @@ struct ServiceName {
 class DiscoveryClient::Directory {
   public:
     Directory(EventLoop& loop, Log& log, std::filesystem::path executable)
-        : loop_(loop)
-        , process_(std::in_place, loop, log, std::move(executable),
+        : process_(std::in_place, loop, log, std::move(executable),
                    DiscoveryProcess::Handlers{
                        .started = [this] { askAgain(); },
                        .reported =
@@ -57,11 +51,7 @@ class DiscoveryClient::Directory {
     void endBrowse(const std::shared_ptr<BrowserHandlers>& handlers);
 
     /// Ends the process. Later requests have no effect.
-    void end() {
-        process_.reset();
-        for (auto& [number, browse] : browses_)
-            keepNoLonger(browse);
-    }
+    void end() { process_.reset(); }
 
     /// Returns the number of the service, for `stop`.
     std::uint32_t resolve(const std::shared_ptr<Resolver>& resolver, std::chrono::milliseconds timeout);
@@ -76,8 +66,7 @@ class DiscoveryClient::Directory {
         std::shared_ptr<Queue> queue;
         std::shared_ptr<BrowserHandlers> handlers;
         std::set<Result> seen{};
-        std::set<Result> kept{}; // found before a restart
-        std::optional<EventLoop::TimerID> keepTimer{};
+        std::set<Result> kept{}; // found before a restart; kept until the new set is complete
         std::set<std::string> reported{};
         std::set<std::string> renewed{}; // to be reported as gone and then as new
         bool isReportDue = false;
@@ -100,12 +89,12 @@ class DiscoveryClient::Directory {
     bool handle(const Unlisted& report);
     bool handle(const Changed& report);
     bool handle(const Restarted& report);
+    bool handle(const Complete& report);
     bool handle(const BrowseFailed& report);
     bool handle(const Resolved& report);
     bool handle(const Unresolved& report);
 
     void restart(BrowseState& browse);
-    void keepNoLonger(BrowseState& browse);
     void reportSoon(BrowseState& browse);
     void report(BrowseState& browse);
     bool isListed(const std::string& type, const std::string& name) const;
@@ -114,7 +103,6 @@ class DiscoveryClient::Directory {
     void endIfUnused(Services::iterator service);
     void endUnlisted(const std::string& type, const std::string& name);
 
-    EventLoop& loop_;
     std::map<std::uint32_t, BrowseState> browses_;
     Services services_;
     std::map<ServiceName, std::uint32_t> numberOf_;
@@ -208,7 +196,6 @@ void DiscoveryClient::Directory::endBrowse(const std::shared_ptr<BrowserHandlers
     const auto found =
         std::ranges::find_if(browses_, [&](const auto& entry) { return entry.second.handlers == handlers; });
     send(EndBrowse{found->first});
-    keepNoLonger(found->second);
     browses_.erase(found);
 }
 
@@ -241,20 +228,15 @@ bool DiscoveryClient::Directory::handle(const Restarted& report) {
     return true;
 }
 
-/// The results stay listed until they have had the time to be found again.
 void DiscoveryClient::Directory::restart(BrowseState& browse) {
     for (const Result& result : std::exchange(browse.seen, {}))
         if (browse.kept.size() < maxListed) browse.kept.insert(result);
-    if (browse.keepTimer) loop_.cancel(*browse.keepTimer);
-    browse.keepTimer = loop_.at(EventLoop::Clock::now() + keepTime, [this, &browse] {
-        keepNoLonger(browse);
-        reportSoon(browse);
-    });
 }
 
-void DiscoveryClient::Directory::keepNoLonger(BrowseState& browse) {
-    browse.kept.clear();
-    if (browse.keepTimer) loop_.cancel(*std::exchange(browse.keepTimer, std::nullopt));
+bool DiscoveryClient::Directory::handle(const Complete& report) {
+    const auto found = browses_.find(report.browse);
+    if (found != browses_.end() && !std::exchange(found->second.kept, {}).empty()) reportSoon(found->second);
+    return true;
 }
 
 bool DiscoveryClient::Directory::handle(const BrowseFailed& report) {

@@ -134,6 +134,12 @@ struct Restarted {
     auto fields() { return std::tie(browse); }
 };
 
+/// Every available service has had the time to answer since the start or restart.
+struct Complete {
+    std::uint32_t browse = 0;
+    auto fields() { return std::tie(browse); }
+};
+
 /// The browse has failed. It is retried, and further failures are not reported.
 struct BrowseFailed {
     std::uint32_t browse = 0;
@@ -158,8 +164,8 @@ struct Pong {
     auto fields() { return std::tie(); }
 };
 
-using Report =
-    std::variant<Started, Listed, Unlisted, Changed, Restarted, BrowseFailed, Resolved, Unresolved, Pong>;
+using Report = std::variant<Started, Listed, Unlisted, Changed, Restarted, Complete, BrowseFailed, Resolved,
+                            Unresolved, Pong>;
 
 /// Appends the message's frame to `out`. Texts are cut to `maxTextSize`, lists to `maxAddresses`.
 void encode(const Request& message, std::vector<std::uint8_t>& out);
