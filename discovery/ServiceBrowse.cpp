@@ -19,8 +19,9 @@ constexpr auto reportDelay = 10ms;
 constexpr auto largeReportDelay = 100ms;
 constexpr std::size_t largeReport = 256;
 
-/// After the first query, which ALL_FOR_NOW follows, Avahi repeats it after 1, 3, 7 and 15 s. A service that
-/// has not answered by then is gone, even if others on the network keep discovery busy.
+/// After the first query, which ALL_FOR_NOW follows, Avahi repeats it after 1, 3, 7 and 15 s. The list is
+/// complete once it has not changed for this time: others on the network may keep discovery too busy to hear
+/// answers.
 constexpr auto rediscoveryTime = 20s;
 
 /// How long after a failed lookup the end of the daemon may be reported.
@@ -51,6 +52,7 @@ void ServiceBrowse::interrupt() {
 
 void ServiceBrowse::handle(const ServiceEvent& event) {
     const std::pair service(Result(event.name, event.domain, event.interface), event.protocol);
+    lastChange_ = Loop::Clock::now();
     switch (event.event) {
     case AVAHI_BROWSER_NEW:
         if (seen_.size() >= 2 * maxListed || event.name.size() > maxTextSize || !isUTF8(event.name)) return;
@@ -60,7 +62,8 @@ void ServiceBrowse::handle(const ServiceEvent& event) {
         seen_.erase(service);
         return scheduleReport();
     case AVAHI_BROWSER_ALL_FOR_NOW:
-        return afterAllForNow();
+        retryDelay_ = 1s;
+        return reportCompleteLater();
     case AVAHI_BROWSER_CACHE_EXHAUSTED:
         return;
     case AVAHI_BROWSER_FAILURE:
@@ -68,11 +71,12 @@ void ServiceBrowse::handle(const ServiceEvent& event) {
     }
 }
 
-void ServiceBrowse::afterAllForNow() {
-    retryDelay_ = 1s;
-    loop_.after(rediscoveryTime, [weak = weak_from_this(), lookup = std::weak_ptr(lookup_)] {
+void ServiceBrowse::reportCompleteLater() {
+    const auto wait = lastChange_ + rediscoveryTime - Loop::Clock::now();
+    loop_.after(wait, [weak = weak_from_this(), lookup = std::weak_ptr(lookup_)] {
         const auto self = weak.lock();
         if (!self || lookup.expired()) return;
+        if (Loop::Clock::now() - self->lastChange_ < rediscoveryTime) return self->reportCompleteLater();
         self->reportChanges();
         self->report_(Complete{self->number_});
     });

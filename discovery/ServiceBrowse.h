@@ -32,7 +32,7 @@ class ServiceBrowse : public std::enable_shared_from_this<ServiceBrowse> {
     void retry();
     void scheduleReport();
     void reportChanges();
-    void afterAllForNow();
+    void reportCompleteLater();
 
     Loop& loop_;
     const std::uint32_t number_;
@@ -43,6 +43,7 @@ class ServiceBrowse : public std::enable_shared_from_this<ServiceBrowse> {
     Lookup lookup_;
     std::set<std::pair<Result, int>> seen_; // for each protocol
     std::set<Result> reported_;
+    Loop::Clock::time_point lastChange_;
     bool isReportScheduled_ = false;
     bool hasFailed_ = false;
     std::chrono::seconds retryDelay_{1};
