@@ -1,6 +1,5 @@
 """The program, the simulated device, a JACK server and a packet capture on the hosts of a test."""
 import collections
-import ctypes
 import json
 import os
 import pathlib
@@ -220,27 +219,3 @@ class Capture(Tshark):
         return Packet(float(moment), destination, *(ports if outgoing else ports[::-1]), outgoing,
                       int(command or "0", 16).to_bytes(2, "big").decode("latin-1"), token, ssrc, name, *clock,
                       bool(malformed))
-
-
-class MainThreadHold:
-    """Stops the main thread of a process, and no other thread, during the `with` block."""
-
-    SEIZE, INTERRUPT, DETACH, WALL = 0x4206, 0x4207, 17, 0x40000000
-
-    def __init__(self, process):
-        self._pid = process.pid
-        self._libc = ctypes.CDLL(None, use_errno=True)
-        self._libc.ptrace.argtypes = [ctypes.c_long, ctypes.c_int, ctypes.c_void_p, ctypes.c_void_p]
-        self._libc.ptrace.restype = ctypes.c_long
-
-    def _ptrace(self, request):
-        if self._libc.ptrace(request, self._pid, None, None) != 0:
-            raise OSError(ctypes.get_errno(), "ptrace")
-
-    def __enter__(self):
-        self._ptrace(self.SEIZE)
-        self._ptrace(self.INTERRUPT)
-        os.waitpid(self._pid, self.WALL)
-
-    def __exit__(self, *_):
-        self._ptrace(self.DETACH)
