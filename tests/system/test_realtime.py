@@ -10,7 +10,7 @@ import signal
 import socket
 import unittest
 
-from lab.daemons import BUS
+from lab.daemons import start_system_bus
 from lab.processes import Process, environment, until
 from lab.programs import Program, SystemTest
 
@@ -62,18 +62,13 @@ class RealTime(SystemTest):
 
     def bus(self, answer):
         """A system bus with RealtimeKit on it, and an administrator who answers all questions alike."""
-        for tool in ("dbus-daemon", RTKIT, POLKIT):
-            if not shutil.which(tool):
-                self.skipTest(f"missing: {tool}")
-        (self.directory / "bus.conf").write_text(BUS)
-        (self.directory / "rule").write_text(RULE % answer)
-        self.desk.run("sh", "-ec", "mkdir /run/dbus; mount -t tmpfs none /etc/polkit-1/rules.d; "
-                      f"cat {self.directory}/rule >/etc/polkit-1/rules.d/00.rules; "
-                      "chmod 755 /etc/polkit-1/rules.d; chmod 644 /etc/polkit-1/rules.d/00.rules")
+        if missing := [tool for tool in (RTKIT, POLKIT) if not shutil.which(tool)]:
+            self.skipTest("missing: " + ", ".join(missing))
+        start_system_bus(self, self.desk)
+        self.desk.run("sh", "-ec", "cd /etc/polkit-1; mount -t tmpfs none rules.d; cat >rules.d/00.rules; "
+                      "chmod 755 rules.d; chmod 644 rules.d/00.rules", text=RULE % answer)
         # RealtimeKit's watchdog would take the priority from everybody if this machine were too busy for it.
-        for command, name in ((["dbus-daemon", "--config-file", self.directory / "bus.conf", "--nofork", "--nopidfile"],
-                               "org.freedesktop.DBus"),
-                              ([POLKIT, "--no-debug"], "org.freedesktop.PolicyKit1"),
+        for command, name in (([POLKIT, "--no-debug"], "org.freedesktop.PolicyKit1"),
                               ([RTKIT, "--no-canary"], "org.freedesktop.RealtimeKit1")):
             Process(self, command, self.desk)
             question = ["gdbus", "call", "--system", "--dest", "org.freedesktop.DBus", "--object-path", "/",
@@ -119,8 +114,7 @@ class RealTime(SystemTest):
         limits = pathlib.Path("/proc", str(program.pid), "limits")
         until(lambda: re.search("Max realtime timeout +100000 +200000 ", limits.read_text()), 10,
               "the signal comes before the kill")
-        for thread in audio:
-            self.assertFalse(blocks(thread.task, signal.SIGXCPU))
+        self.assertFalse(any(blocks(thread.task, signal.SIGXCPU) for thread in audio))
 
     def test_a_refusal_changes_and_logs_nothing(self):
         self.bus("NO")
@@ -132,8 +126,7 @@ class RealTime(SystemTest):
 
     def test_a_bus_that_never_answers_delays_neither_launch_nor_end(self):
         path = self.directory / "mute"
-        mute = socket.socket(socket.AF_UNIX)
-        self.addCleanup(mute.close)
+        mute = self.enterContext(socket.socket(socket.AF_UNIX))
         mute.bind(str(path))
         mute.listen(100)
         path.chmod(0o777)
