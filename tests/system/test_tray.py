@@ -20,8 +20,7 @@ class TrayTest(SystemTest):
         self.desktop = Desktop(self, self.desk).start_bus().start_display()
 
     def device(self, number, name, *options):
-        """A device at one of the stage's addresses; it plays nothing unless told."""
-        options = options if "--play" in options else ("--play", "nothing", *options)
+        """A device at one of the stage's addresses."""
         return super().device(self.stage, "--name", name, "--address", ADDRESS.format(number), *options)
 
     def running_program(self):
@@ -185,7 +184,7 @@ class Panels(TrayTest):
         jack = JackServer(self, self.desk)
         self.desktop.program()
         receiver = jack.receiver()
-        self.device(2, "iPad", "--play", "scale", "--rate", "100")
+        self.device(2, "iPad", "--rate", "100")
 
         def panel_comes():
             panel = self.desktop.xfce_panel()
