@@ -33,7 +33,7 @@ class Output(SystemTest):
         program = Program(self, self.desk, limits=("--fsize=0", "--stack=65536"))
         program.wait_for("running$")
         program.terminate()
-        device.wait_for(r"bye from .*\(data\)")
+        self.assertSessionEnds(device)
 
     def test_no_midi_system(self):
         program = Program(self, self.desk)

@@ -43,8 +43,7 @@ class OneDevice(SystemTest):
         receiver.wait_for_messages(2500)
         self.assertNotes(receiver, 2500)
         log = program.terminate()
-        for port in ("control", "data"):
-            device.wait_for(rf"bye from .*\({port}\)")
+        self.assertSessionEnds(device)
         self.assertPackets(capture.packets(), self.assertLog(log), program.preferences["TessaryLink.localSSRC.v1"])
 
     def assertPackets(self, packets, tokens, ssrc):
@@ -81,8 +80,7 @@ class OneDevice(SystemTest):
             program = Program(self, self.desk)
             program.wait_for(" running$")
             program.terminate(number)
-            for port in ("control", "data"):
-                device.wait_for(rf"bye from .*\({port}\)", times=times)
+            self.assertSessionEnds(device, times)
 
     def test_an_independent_participant(self):
         package = BUILD / "node_modules/rtpmidi/package.json"

@@ -28,10 +28,6 @@ class TrayTest(SystemTest):
         program.wait_for("running$")
         return program
 
-    def assertSessionEnds(self, device, times=1):
-        for port in ("control", "data"):
-            device.wait_for(rf"bye from .*\({port}\)", times=times)
-
 
 class MenuOnTheBus(TrayTest):
     def setUp(self):

@@ -58,6 +58,11 @@ class SystemTest(unittest.TestCase):
     def device(self, host, *options):
         return Process(self, [DEVICE, *options], host)
 
+    def assertSessionEnds(self, device, times=1):
+        """Asserts that the device has received BY on both ports."""
+        for port in ("control", "data"):
+            device.wait_for(rf"bye from .*\({port}\)", times=times)
+
     def assertNotes(self, receiver, count):
         """Asserts that the receiver has received the first `count` messages of the device's scale, each once, in order."""
         heard, expected = receiver.messages, [scale(number) for number in range(count)]
