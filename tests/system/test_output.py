@@ -1,8 +1,6 @@
-"""Where the program's output goes: the reader of its log and the MIDI system may stall, leave, or never come, and the
-system may give it little."""
-import fcntl
+"""Where the program's output goes: the reader of its log may leave, the MIDI system may stall, leave, or never come, and
+the system may give it little."""
 import os
-import select
 import signal
 import unittest
 
@@ -15,41 +13,13 @@ class Output(SystemTest):
         self.desk = self.network.host("10.77.7.1/24")
         self.stage = self.network.host(*(f"10.77.7.{number}/24" for number in (2, 3, 4, 5)))
 
-    def pipe(self):
-        ends = os.pipe()
-        fcntl.fcntl(ends[1], fcntl.F_SETPIPE_SZ, 4096)
-        return ends
-
     def test_reader_of_the_log_leaves(self):
-        jack = JackServer(self, self.desk)
-        reader, writer = self.pipe()
+        reader, writer = os.pipe()
         program = Program(self, self.desk, stdout=writer)
         os.close(writer)
         os.close(reader)
-        receiver = jack.receiver()
-        self.device(self.stage, "--name", "Piano", "--rate", 1000, "--messages", 1000)
-        receiver.wait_for_messages(1000)
-        self.assertNotes(receiver, 1000)
+        self.device(self.stage, "--name", "Piano", "--messages", 10).wait_for("played 10 messages")
         program.terminate()
-
-    def test_reader_of_the_log_stalls(self):
-        jack = JackServer(self, self.desk)
-        reader, writer = self.pipe()
-        self.addCleanup(os.close, reader)
-        self.addCleanup(os.close, writer)
-        program = Program(self, self.desk, stdout=writer)
-        receiver = jack.receiver()
-        crowd = self.network.host(*(f"10.77.7.{number}/24" for number in range(100, 140)))
-        noise = self.device(crowd, "--address", "10.77.7.100", "--count", 40, "--reject", "control")
-        noise.wait_for("rejected", 20, times=100)  # three lines each: more than the pipe holds
-        self.assertEqual(select.select([], [writer], [], 0)[1], [], "the pipe is not full")
-        self.device(self.stage, "--name", "Piano", "--rate", 1000, "--messages", 3000)
-        receiver.wait_for_messages(3000)
-        self.assertNotes(receiver, 3000)
-        program.terminate()
-        os.set_blocking(reader, False)
-        log = os.read(reader, 1 << 16).decode()
-        self.assertTrue(all(line.startswith("[") for line in log.splitlines()), log)
 
     def test_small_limits(self):
         if IS_SANITIZED:
@@ -63,16 +33,14 @@ class Output(SystemTest):
         program = Program(self, self.desk, limits=("--fsize=0", "--stack=65536"))
         program.wait_for("running$")
         program.terminate()
-        device.wait_for(r"bye from .*\(data\)")
+        self.assertSessionEnds(device)
 
     def test_no_midi_system(self):
         program = Program(self, self.desk)
-        program.wait_for(r"^\[CoreMIDI\] MIDIClientCreate failed: -\d+$")
-        program.wait_for(r"^\[CoreMIDI\] MIDISourceCreate failed: -\d+$")
-        device = self.device(self.stage, "--name", "Piano", "--rate", 1000, "--messages", 1000)
-        device.wait_for("played 1000 messages")
-        self.assertEqual(len(program.times("CoreMIDI")), 2)
-        program.terminate()
+        self.device(self.stage, "--name", "Piano", "--messages", 10).wait_for("played 10 messages")
+        lines = [line for line in program.terminate() if "CoreMIDI" in line]
+        self.assertRegex("\n".join(lines), r"^\[CoreMIDI\] MIDIClientCreate failed: -\d+\n"
+                         r"\[CoreMIDI\] MIDISourceCreate failed: -\d+$")
 
     def test_jack_gets_whole_messages_at_their_time(self):
         """One period after their parsing, not all at the beginning of a cycle."""

@@ -28,11 +28,6 @@ def run(*command, check=True, timeout=200, **options):
     return result.stdout
 
 
-def setting(name):
-    found = re.search(rf"^{name}(?::\w+)?=(.*)$", (BUILD / "CMakeCache.txt").read_text(), re.M)
-    return found[1] if found else ""
-
-
 @functools.cache
 def package():
     """Builds the package; answers where it is."""
@@ -40,13 +35,6 @@ def package():
         fcntl.flock(lock, fcntl.LOCK_EX)
         output = run("cmake", "--build", BUILD, "--target", "package")
     return pathlib.Path(re.search(r"package: (\S+\.deb) generated", output)[1])
-
-
-def latest_release():
-    """Version and date of the changelog's newest entry, apart from what is not released yet."""
-    headings = re.findall(r"^## (.*)$", (ROOT / "CHANGELOG.md").read_text(), re.M)
-    newest = next(heading for heading in headings if heading != "Unreleased")
-    return re.fullmatch(r"(\S+) \((\d{4}-\d\d-\d\d)\)", newest).groups()
 
 
 class CleanSystem:
@@ -87,16 +75,13 @@ class CleanSystem:
         run("chroot", unfinished, "apt-get", "update", "-q")
         unfinished.rename(BARE_SYSTEM)
 
-    def command(self, *command):
-        return ["chroot", str(self.root), *command]
-
     def run(self, *command, **options):
         """Runs on the system, and on the machine's network."""
-        return run("nsenter", f"--target={self._host.pid}", "--mount", *self.command(*command), **options)
+        return run("nsenter", f"--target={self._host.pid}", "--mount", "chroot", self.root, *command, **options)
 
     def start(self, test, *command, host=None):
         session = environment(HOME="/root", XDG_RUNTIME_DIR="/run")
-        return Process(test, self.command(*command), host or self._host, session)
+        return Process(test, ["chroot", self.root, *command], host or self._host, session)
 
     def install(self, package):
         shutil.copy(package, self.root / "tmp")
@@ -119,8 +104,6 @@ class Package(SystemTest):
         super().setUp()
         if missing := [tool for tool in TOOLS if not shutil.which(tool)]:
             self.skipTest("missing: " + ", ".join(missing))
-        if setting("TESSARY_SANITIZE"):
-            self.skipTest("a package is built of what users run")
         self.package = package()
         self.content = self.directory / "content"
         run("dpkg-deb", "-x", self.package, self.content)
@@ -148,8 +131,10 @@ class Package(SystemTest):
                          {f"share/doc/tessary-link/{name}" for name in ("changelog.Debian.gz", "copyright")})
 
     def test_version(self):
-        expected, date = latest_release()
-        self.assertEqual(setting("CMAKE_PROJECT_VERSION"), expected, "the newest version of the changelog")
+        """All say the version and the date of the newest release in the changelog."""
+        released = re.findall(r"^## (\d\S*) \((\d{4}-\d\d-\d\d)\)$", (ROOT / "CHANGELOG.md").read_text(), re.M)
+        expected, date = released[0]
+        self.assertEqual(run(PROGRAM, "--version"), f"tessary-link {expected}\n")
         self.assertTrue(run("dpkg-deb", "-f", self.package, "Version").startswith(expected + "-"))
         share = self.content / "usr/share"
         metadata = next((share / "metainfo").iterdir()).read_text()
@@ -170,9 +155,6 @@ class Package(SystemTest):
         system = CleanSystem(self, desk)
         self.assertEqual(system.paths(), [])
         system.install(self.package)
-        for name in ("tessary-link", "tessary-device"):
-            self.assertNotIn("not found", system.run("ldd", f"/usr/bin/{name}"))
-
         program = system.start(self, "/usr/bin/tessary-link")
         device = system.start(self, "/usr/bin/tessary-device", "--name", "Device", host=stage)
         program.wait_for(r"^\[Dialer\] 10\.77\.0\.2 running$", 20)
@@ -182,7 +164,6 @@ class Package(SystemTest):
         device.wait_for(r"bye from .*\(data\)")
         device.signal(signal.SIGTERM)
         self.assertEqual(device.wait(), 0)
-        self.assertTrue((system.root / PREFERENCES).exists())
 
         installed = {line[1:] for line in system.run("dpkg", "-L", "tessary-link").splitlines()}
         self.assertTrue(self.files(self.content) <= installed)
@@ -191,7 +172,6 @@ class Package(SystemTest):
         self.assertTrue((system.root / PREFERENCES).exists())
         left = {path for path in installed - {"."} if (system.root / path).exists()}
         system.run("dpkg", "-S", *(f"/{path}" for path in left))  # what is left is some other package's
-        self.assertIn("no packages found", system.run("dpkg-query", "-W", "tessary-*", check=False))
 
 
 if __name__ == "__main__":

@@ -8,9 +8,10 @@ import re
 import shutil
 import signal
 import socket
+import subprocess
 import unittest
 
-from lab.daemons import BUS
+from lab.daemons import start_system_bus
 from lab.processes import Process, environment, until
 from lab.programs import Program, SystemTest
 
@@ -18,33 +19,28 @@ RTKIT = "/usr/libexec/rtkit-daemon"
 POLKIT = "/usr/lib/polkit-1/polkitd"
 RULE = "polkit.addRule(function(action, subject) { return polkit.Result.%s; });\n"
 NOBODY = 65534
-ORDINARY = 0  # SCHED_OTHER, as in /proc
-MODEST = 4    # below any audio thread
+ORDINARY = "TS"  # as ps has it
+MODEST = 4       # below any audio thread
 
 
-Thread = collections.namedtuple("Thread", "task name policy priority")
+Thread = collections.namedtuple("Thread", "blocked policy priority name")
 
 
 def threads(process):
-    """As the kernel lists them; `task` is the thread's folder in /proc."""
-    found = []
-    for task in pathlib.Path("/proc", str(process.pid), "task").iterdir():
-        try:
-            fields = (task / "stat").read_text().rpartition(")")[2].split()
-            found.append(Thread(task, (task / "comm").read_text().strip(), int(fields[38]), int(fields[37])))
-        except OSError:  # it has just ended
-            pass
-    return found
+    """As the kernel lists them, the main thread first."""
+    fields = ["-o", "blocked=", "-o", "cls=", "-o", "rtprio=", "-o", "comm="]
+    listed = subprocess.run(["ps", "-L", "-p", str(process.pid), *fields], stdout=subprocess.PIPE, text=True).stdout
+    return [Thread(int(blocked, 16), policy, 0 if priority == "-" else int(priority), name)
+            for blocked, policy, priority, name in (line.split(None, 3) for line in listed.splitlines())]
 
 
 def names(process):
     return {thread.name for thread in threads(process)}
 
 
-def blocks(task, number):
+def blocks(thread, number):
     """Whether a signal does not reach the thread."""
-    blocked = int((task / "status").read_text().partition("SigBlk:")[2].split()[0], 16)
-    return blocked >> (number - 1) & 1
+    return bool(thread.blocked >> (number - 1) & 1)
 
 
 class AsUser:
@@ -62,18 +58,13 @@ class RealTime(SystemTest):
 
     def bus(self, answer):
         """A system bus with RealtimeKit on it, and an administrator who answers all questions alike."""
-        for tool in ("dbus-daemon", RTKIT, POLKIT):
-            if not shutil.which(tool):
-                self.skipTest(f"missing: {tool}")
-        (self.directory / "bus.conf").write_text(BUS)
-        (self.directory / "rule").write_text(RULE % answer)
-        self.desk.run("sh", "-ec", "mkdir /run/dbus; mount -t tmpfs none /etc/polkit-1/rules.d; "
-                      f"cat {self.directory}/rule >/etc/polkit-1/rules.d/00.rules; "
-                      "chmod 755 /etc/polkit-1/rules.d; chmod 644 /etc/polkit-1/rules.d/00.rules")
+        if missing := [tool for tool in (RTKIT, POLKIT) if not shutil.which(tool)]:
+            self.skipTest("missing: " + ", ".join(missing))
+        start_system_bus(self, self.desk)
+        self.desk.run("sh", "-ec", "cd /etc/polkit-1; mount -t tmpfs none rules.d; cat >rules.d/00.rules; "
+                      "chmod 755 rules.d; chmod 644 rules.d/00.rules", text=RULE % answer)
         # RealtimeKit's watchdog would take the priority from everybody if this machine were too busy for it.
-        for command, name in ((["dbus-daemon", "--config-file", self.directory / "bus.conf", "--nofork", "--nopidfile"],
-                               "org.freedesktop.DBus"),
-                              ([POLKIT, "--no-debug"], "org.freedesktop.PolicyKit1"),
+        for command, name in (([POLKIT, "--no-debug"], "org.freedesktop.PolicyKit1"),
                               ([RTKIT, "--no-canary"], "org.freedesktop.RealtimeKit1")):
             Process(self, command, self.desk)
             question = ["gdbus", "call", "--system", "--dest", "org.freedesktop.DBus", "--object-path", "/",
@@ -98,7 +89,7 @@ class RealTime(SystemTest):
         self.assertPlays(program)
         until(lambda: any(thread.priority for thread in threads(program)), 10, "a thread has the priority")
         for thread in threads(program):
-            expected = (os.SCHED_RR, MODEST) if thread.name == "tessary-network" else (ORDINARY, 0)
+            expected = ("RR", MODEST) if thread.name == "tessary-network" else (ORDINARY, 0)
             self.assertEqual((thread.policy, thread.priority), expected, thread.name)
         self.assertNotIn("tessary-rtkit", names(program))
 
@@ -119,8 +110,7 @@ class RealTime(SystemTest):
         limits = pathlib.Path("/proc", str(program.pid), "limits")
         until(lambda: re.search("Max realtime timeout +100000 +200000 ", limits.read_text()), 10,
               "the signal comes before the kill")
-        for thread in audio:
-            self.assertFalse(blocks(thread.task, signal.SIGXCPU))
+        self.assertFalse(any(blocks(thread, signal.SIGXCPU) for thread in audio))
 
     def test_a_refusal_changes_and_logs_nothing(self):
         self.bus("NO")
@@ -132,8 +122,7 @@ class RealTime(SystemTest):
 
     def test_a_bus_that_never_answers_delays_neither_launch_nor_end(self):
         path = self.directory / "mute"
-        mute = socket.socket(socket.AF_UNIX)
-        self.addCleanup(mute.close)
+        mute = self.enterContext(socket.socket(socket.AF_UNIX))
         mute.bind(str(path))
         mute.listen(100)
         path.chmod(0o777)
@@ -144,7 +133,7 @@ class RealTime(SystemTest):
         program.terminate()
         for _ in range(12):  # which of the threads that ask the bus comes first is left to chance
             program = Program(self, self.desk, variables=variables)
-            until(lambda: blocks(pathlib.Path("/proc", str(program.pid)), signal.SIGTERM), 10, "it handles the signal")
+            until(lambda: blocks(threads(program)[0], signal.SIGTERM), 10, "it handles the signal")
             program.signal(signal.SIGTERM)
             self.assertEqual(program.wait(10), 0)
 

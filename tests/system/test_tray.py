@@ -20,18 +20,13 @@ class TrayTest(SystemTest):
         self.desktop = Desktop(self, self.desk).start_bus().start_display()
 
     def device(self, number, name, *options):
-        """A device at one of the stage's addresses; it plays nothing unless told."""
-        options = options if "--play" in options else ("--play", "nothing", *options)
+        """A device at one of the stage's addresses."""
         return super().device(self.stage, "--name", name, "--address", ADDRESS.format(number), *options)
 
     def running_program(self):
         program = self.desktop.program()
         program.wait_for("running$")
         return program
-
-    def assertSessionEnds(self, device, times=1):
-        for port in ("control", "data"):
-            device.wait_for(rf"bye from .*\({port}\)", times=times)
 
 
 class MenuOnTheBus(TrayTest):
@@ -43,12 +38,7 @@ class MenuOnTheBus(TrayTest):
 
     def assertPeers(self, *peers):
         """The menu comes to show these peers and no others."""
-        def shown():
-            return self.desktop.titles()[2:3 + len(peers)]
-        try:
-            until(lambda: shown() == [*peers, "-"], 15, "these peers")
-        except AssertionError:
-            self.assertEqual(shown(), [*peers, "-"])
+        until(lambda: self.desktop.titles()[2:3 + len(peers)] == [*peers, "-"], 15, f"the peers {peers}")
 
     def assertMenu(self, status, peer, has_event=True):
         """The menu comes to show this status, and its other lines are as they should be."""
@@ -87,25 +77,19 @@ class MenuOnTheBus(TrayTest):
         self.program.wait_for("running$")
         self.desktop.choose("Auto-connect")
         self.assertMenu("◌ Searching for Tessary…", "○ leaver")
+        self.assertFalse(self.isChecked("Auto-connect"))
         self.desktop.choose("Auto-connect")
+        self.assertTrue(self.isChecked("Auto-connect"))
         leaver.end()
         self.assertMenu("○ No Tessary on network", "No peers visible")
         self.device(2, "iPad", "--answer-delay", "1000")
         self.assertMenu(f"◐ Connecting to {ADDRESS.format(2)}…", "○ iPad")
         self.assertMenu(f"● Connected: {ADDRESS.format(2)}", "● iPad")
-
         self.device(3, "alto", "--silent")
-        self.device(4, "Alpha")
+        late = self.device(4, "Alpha")
         self.assertPeers("● Alpha", "○ alto", "● iPad")
-        self.desktop.choose("Auto-connect")
-        until(lambda: not self.isChecked("Auto-connect"), 5, "it is off")
-        late = self.device(5, "late")
-        self.assertPeers("● Alpha", "○ alto", "● iPad", "○ late")
-        self.desktop.choose("Auto-connect")
-        self.assertPeers("● Alpha", "○ alto", "● iPad", "● late")
-        self.assertTrue(self.isChecked("Auto-connect"))
         late.end()
-        self.assertPeers("● Alpha", "○ alto", "● iPad")
+        self.assertPeers("○ alto", "● iPad")
 
     def test_names_are_shown_literally(self):
         names = ["A & B && C", "__a_b_&", "Björk 🎹🎛️", "עברית & عربي", "tab\there", "&" + 62 * "x", "_&_&_"]
@@ -136,31 +120,16 @@ class MenuOnTheBus(TrayTest):
         self.assertEqual(self.program.wait(), 0)
         self.assertSessionEnds(device, times=2)
 
-    def test_a_panel_that_reads_without_opening_and_one_that_never_closes(self):
-        self.assertEqual(self.desktop.titles(opening=False)[2], "No peers visible")
-        # Panels cache what they have read, so the program has to send a signal of each change.
+    def test_a_panel_that_reads_without_opening(self):
+        """Panels cache what they have read, so the program has to send a signal of each change."""
+        self.assertEqual(self.desktop.titles()[2], "No peers visible")  # another one, which has closed it again
         signals = self.desktop.monitor()
-        first = self.device(2, "iPad")
+        self.device(2, "iPad")
         signals.wait_for("LayoutUpdated")
         signals.wait_for(rf"ItemsPropertiesUpdated.*● Connected: {ADDRESS.format(2)}")
         signals.wait_for("ItemsPropertiesUpdated.*● iPad")
         self.assertEqual(self.desktop.titles(opening=False)[:3],
                          [f"● Connected: {ADDRESS.format(2)}", "-", "● iPad"])
-
-        self.desktop.about_to_show()
-        shown, sent = self.desktop.titles(opening=False), len(signals.times("Updated"))
-        first.end()
-        self.program.wait_for(f"peer {ADDRESS.format(2)} gone")
-        self.assertEqual(self.desktop.titles(opening=False), shown, "it is open")
-        self.assertEqual(len(signals.times("Updated")), sent, "it is open")
-        self.desktop.menu_event("closed")
-        signals.wait_for("ItemsPropertiesUpdated.*No peers visible")
-
-        self.desktop.about_to_show()  # this time without a "closed"
-        self.device(3, "Phone")
-        self.program.wait_for(f"{ADDRESS.format(3)} running$")
-        self.desktop.about_to_show()
-        self.assertEqual(self.desktop.titles(opening=False)[2], "● Phone")
 
 
 class Panels(TrayTest):
@@ -211,35 +180,27 @@ class Panels(TrayTest):
         jack = JackServer(self, self.desk)
         self.desktop.program()
         receiver = jack.receiver()
-        self.device(2, "iPad", "--play", "scale", "--rate", "100")
+        self.device(2, "iPad", "--rate", "100")
 
         def panel_comes():
-            self.panel = self.desktop.xfce_panel()
+            panel = self.desktop.xfce_panel()
             until(self.desktop.has_panel, 20, "the panel")
             self.desktop.wait_for_item(6)  # a bus that has ended is looked for every 5 s
-
-        def panel_restarts():
-            self.panel.kill()
-            until(lambda: not self.desktop.item(), 10, "no watcher any more")
-            panel_comes()
             self.assertEqual(self.desktop.titles()[2], "● iPad")
-
-        def bus_ends():
-            # Until 10 s after launch the search for a panel that knows XEmbed alone finds this one too.
-            receiver.wait_for_messages(1100)
-            self.desktop.bus.kill()
-            self.panel.wait()
-
-        def bus_comes_back():
-            self.desktop.start_bus()
-            panel_comes()
-            self.assertEqual(self.desktop.titles()[2], "● iPad")
+            return panel
 
         receiver.wait_for_messages(100)
-        for event in (panel_comes, panel_restarts, bus_ends, bus_comes_back):
-            with self.subTest(event.__name__):
-                event()
-                receiver.wait_for_messages(len(receiver.messages) + 100)
+        panel_comes().kill()
+        until(lambda: not self.desktop.item(), 10, "no watcher any more")
+        panel = panel_comes()
+        # Until 10 s after launch the search for a panel that knows XEmbed alone finds this one too.
+        receiver.wait_for_messages(1100)
+        self.desktop.bus.kill()
+        panel.wait()
+        receiver.wait_for_messages(len(receiver.messages) + 100)
+        self.desktop.start_bus()
+        panel_comes()
+        receiver.wait_for_messages(len(receiver.messages) + 100)
         self.assertNotes(receiver, len(receiver.messages))
 
 
@@ -264,7 +225,6 @@ class Endings(TrayTest):
     def test_a_display_that_answers_late(self):
         """Sessions run meanwhile, and a signal ends the program."""
         self.desktop.display.signal(signal.SIGSTOP)
-        self.addCleanup(self.desktop.display.signal, signal.SIGCONT)
         device = self.device(2, "iPad")
         self.running_program().terminate()
         self.assertSessionEnds(device)
@@ -276,7 +236,7 @@ class Endings(TrayTest):
     def test_a_session_bus_that_does_not_answer(self):
         self.desktop.xembed_panel()
         self.desktop.bus.signal(signal.SIGSTOP)
-        self.addCleanup(self.desktop.bus.signal, signal.SIGCONT)
+        self.addCleanup(self.desktop.bus.kill)
         device = self.device(2, "iPad")
         program = self.running_program()
         # Later than 10 s after launch, when the program also looks for a panel that knows XEmbed alone.
@@ -286,11 +246,9 @@ class Endings(TrayTest):
 
     def test_a_second_start(self):
         def files():
-            return {path: (path.stat().st_mtime_ns, path.stat().st_size)
-                    for path in self.desktop.directory.rglob("*") if path.is_file()}
+            return {path: path.stat().st_mtime_ns for path in self.desktop.directory.rglob("*")}
         device = self.device(2, "iPad")
         first = self.running_program()
-        until((self.desktop.config / "tessary-link/preferences.json").exists, 5, "the device is remembered")
         until(lambda: first.preferences.get("TessaryLink.trustedPeerIPs.v1"), 5, "the device is remembered")
         before = files()
         second = self.desktop.program()

@@ -175,18 +175,12 @@ class Desktop:
         assert line.enabled, title
         self._menu("Event", "isvu", str(line.identity), "clicked", "i", "0", "0")
 
-    def menu_event(self, event):
-        self._menu("Event", "isvu", "0", event, "i", "0", "0")
-
     def monitor(self):
         """A process that prints the signals of the program's item and menu, one per line."""
         service, _ = self.wait_for_item()
         process = self.process("gdbus", "monitor", "--session", "--dest", service)
         process.wait_for("is owned by")
         return process
-
-    def about_to_show(self):
-        self._menu("AboutToShow", "i", "0")
 
     # Screen and input
 
