@@ -111,9 +111,8 @@ struct OrderWorld : World {
         if (session->state().which != model.state) return "it ends in another state";
         if (essence(reports) != essence(model.reports)) return "other reports";
         if (reasons != model.reasons) return "other reasons";
-        for (const auto& journal : network.journals)
-            if (journal->isOpen() && (journal->isEnded() || !model.hasControl))
-                return "a connection is left open";
+        for (const auto& each : network.connections)
+            if (each->isOpen && (each->isEnded() || !model.hasControl)) return "a connection is left open";
         return {};
     }
     /// After calm the peer plays again, if it is there and the dialer may dial.

@@ -36,7 +36,7 @@ TEST_F(RTPMIDIDialerTest, DialsAPeerAtOnceAndOnceAndPlaysIt) {
     EXPECT_EQ(dialerLines(), Lines{dialing});
     time.advance(60s); // a silent peer is left connecting
     EXPECT_EQ(dialerLines(), Lines{dialing});
-    EXPECT_EQ(network.newest(51204)->journal->invitations.size(), 1u);
+    EXPECT_EQ(network.newest(51204)->invitations.size(), 1u);
     EXPECT_EQ(status(), (DialerStatus{Status::connecting, "10.0.0.2"}));
 
     accept("10.0.0.2");
