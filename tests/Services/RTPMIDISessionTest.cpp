@@ -24,10 +24,8 @@ struct RTPMIDISessionTest : testing::Test, World {
     void renew(std::uint16_t port = 5004) {
         session = makeSession(port);
         states.clear();
-        reasons.clear();
         session->stateDidChange = [this](const RTPMIDISession::State& state) {
             states.push_back(state.which);
-            if (state.which == Case::failed) reasons.push_back(state.reason);
         };
         session->midiPacketReceived = [this](std::span<const std::uint8_t> datagram) {
             received.emplace_back(datagram.begin(), datagram.end());
@@ -56,7 +54,6 @@ struct RTPMIDISessionTest : testing::Test, World {
 
     std::shared_ptr<RTPMIDISession> session;
     States states;
-    std::vector<std::string> reasons;
     std::vector<Bytes> received;
 };
 
@@ -142,34 +139,29 @@ TEST_F(RTPMIDISessionTest, SendsByeOnBothPortsAndClosesThemATenthOfASecondLater)
 }
 
 TEST_F(RTPMIDISessionTest, HandlersThatRunWhileItEndsHaveNoEffect) {
-    for (const bool isReleased : {false, true}) {
-        SCOPED_TRACE(isReleased);
-        renew();
-        runSession();
-        const std::vector connections{control(), data()};
-        const auto ticks = network.lastQueue->ticksOnTheirWay();
-        session->stop();
+    runSession();
+    const std::vector connections{control(), data()};
+    const auto ticks = network.lastQueue->ticksOnTheirWay();
+    session->stop();
+    time.run();
+    const auto lines = log.lines;
+    const auto reported = states;
+    for (const bool isReleased : {false, false, true}) { // the second time the connections are gone
         if (isReleased) session.reset();
-        time.run();
-        const auto lines = log.lines;
-        const auto reported = states;
-        for (int pass = 0; pass < 2; ++pass) { // in the second one the connections are gone
-            for (const auto& each : connections) {
-                each->handlers.stateDidChange(ConnectionState::ready, {});
-                each->handlers.stateDidChange(ConnectionState::cancelled, {});
-                for (const AppleMIDIPacket& packet : {AppleMIDIPacket{Accept{1, peerSSRC, ""}},
-                                                      AppleMIDIPacket{ClockSync{peerSSRC, 0, 1, 0, 0}}})
-                    EXPECT_EQ(each->handlers.received(packet.encode(), {}),
-                              isReleased ? Receive::stop : Receive::again);
-            }
-            for (const auto& tick : ticks)
-                tick();
-            time.advance(1s);
+        for (const auto& each : connections) {
+            each->handlers.stateDidChange(ConnectionState::ready, {});
+            each->handlers.stateDidChange(ConnectionState::cancelled, {});
+            for (const AppleMIDIPacket& packet :
+                 {AppleMIDIPacket{Accept{1, peerSSRC, ""}}, AppleMIDIPacket{ClockSync{peerSSRC, 0, 1, 0, 0}}})
+                EXPECT_EQ(each->handlers.received(packet.encode(), {}),
+                          isReleased ? Receive::stop : Receive::again);
         }
-        EXPECT_EQ(wrongNow(), ""); // nothing is sent after BY
-        EXPECT_EQ(log.lines, lines);
-        EXPECT_EQ(states, reported);
+        for (const auto& tick : ticks)
+            tick();
+        time.advance(1s);
     }
+    EXPECT_EQ(log.lines, lines); // that nothing is sent after BY is what wrongNow says
+    EXPECT_EQ(states, reported);
 }
 
 TEST_F(RTPMIDISessionTest, StartsAnewOnlyFromIdle) {
@@ -221,10 +213,10 @@ TEST_F(RTPMIDISessionTest, ConnectionAndSendErrorsAreOneLineEachAndAReceiveError
     EXPECT_EQ(received, std::vector<Bytes>{});
     EXPECT_EQ(log.lines, (std::vector<std::string>{"[RTPMIDI] conn failed: Address already in use",
                                                    "[RTPMIDI] send error: Network is unreachable"}));
-    EXPECT_EQ(session->state().which, Case::running);
+    EXPECT_EQ(states.back(), Case::running);
     arrive(51204, bye);
     time.run();
-    EXPECT_EQ(reasons, std::vector<std::string>{"peer sent BYE"});
+    EXPECT_EQ(states.back(), Case::idle);
 }
 
 TEST_F(RTPMIDISessionTest, AnswersClockExchangesInAnyStateAndRunsOnce) {
@@ -254,13 +246,16 @@ TEST_F(RTPMIDISessionTest, TheHeartbeatIsDenseForFiveTicksAndThenSparse) {
     const auto connection = data();
     connection->sent.clear();
     time.advance(36s);
+    time.calendar += 24h * 120;
+    time.advance(10s);
     session->stop();
     time.advance(60s);
-    std::vector<std::uint64_t> seconds;
+    std::vector<std::uint64_t> times;
     for (const auto& each : connection->sentOf<ClockSync>())
-        if (each.count == 0) seconds.push_back(each.t1 / 10'000);
-    EXPECT_EQ(seconds, (std::vector<std::uint64_t>{1, 2, 3, 4, 5, 15, 25, 35}));
-    EXPECT_EQ(connection->sent.size(), 8u + 1); // and BY
+        times.push_back(each.t1);
+    EXPECT_EQ(times, (std::vector<std::uint64_t>{10'000, 20'000, 30'000, 40'000, 50'000, 150'000, 250'000,
+                                                 350'000, 103'680'450'000}));
+    EXPECT_EQ(connection->sent.size(), times.size() + 1); // and BY
 }
 
 TEST_F(RTPMIDISessionTest, ATickBeforeRunningIsStoredSendsNothingAndDoesNotCount) {

@@ -367,7 +367,7 @@ struct FakeLoginService : LoginService {
     std::optional<LoginServiceError> registerProgram() override { return change(true); }
     std::optional<LoginServiceError> unregisterProgram() override { return change(false); }
     LoginServiceStatus status() const override {
-        return isRegistered ? registeredStatus : LoginServiceStatus::notRegistered;
+        return isRegistered ? LoginServiceStatus::enabled : LoginServiceStatus::notRegistered;
     }
     std::optional<LoginServiceError> change(bool registers) {
         ++calls;
@@ -375,7 +375,6 @@ struct FakeLoginService : LoginService {
         return error;
     }
     bool isRegistered = false;
-    LoginServiceStatus registeredStatus = LoginServiceStatus::enabled;
     std::optional<LoginServiceError> error;
     int calls = 0;
 };

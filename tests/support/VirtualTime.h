@@ -18,9 +18,9 @@ using std::chrono::nanoseconds;
 
 class VirtualTimer : public Timer {
   public:
-    VirtualTimer(const nanoseconds& elapsed, std::function<void(Timer&)> handler)
-        : elapsed_(elapsed)
-        , handler_(std::move(handler)) {}
+    VirtualTimer(const nanoseconds& elapsed, std::function<void(Timer&)> itsHandler)
+        : handler(std::move(itsHandler))
+        , elapsed_(elapsed) {}
     void schedule(nanoseconds first, nanoseconds every) override {
         if (isCancelled_) return;
         due = elapsed_ + first;
@@ -32,14 +32,13 @@ class VirtualTimer : public Timer {
     }
     void fire() {
         due += every_;
-        handle();
+        handler(*this);
     }
-    void handle() { handler_(*this); }
     nanoseconds due = nanoseconds::max();
+    const std::function<void(Timer&)> handler;
 
   private:
     const nanoseconds& elapsed_;
-    std::function<void(Timer&)> handler_;
     nanoseconds every_{};
     bool isCancelled_ = false;
 };
@@ -97,7 +96,7 @@ class VirtualQueue : public TimerQueue {
     std::vector<std::function<void()>> ticksOnTheirWay() const {
         std::vector<std::function<void()>> ticks;
         for (const auto& weak : timers_)
-            if (auto timer = weak.lock()) ticks.emplace_back([timer] { timer->handle(); });
+            if (auto timer = weak.lock()) ticks.emplace_back([timer] { timer->handler(*timer); });
         return ticks;
     }
 
