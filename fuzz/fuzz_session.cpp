@@ -15,13 +15,13 @@ namespace {
 
 std::shared_ptr<FakeConnection> connection(const World& world, std::uint8_t index) {
     std::vector<std::shared_ptr<FakeConnection>> open;
-    for (const auto& journal : world.network.journals)
-        if (journal->isOpen()) open.push_back(journal->connection.lock());
+    for (const auto& each : world.network.connections)
+        if (each->isOpen) open.push_back(each);
     return open.empty() ? nullptr : open[index % open.size()];
 }
 
 /// A session packet with the token of the last or the first invitation, or anything.
-Bytes datagram(const Journal& to, std::uint8_t kind, Reader& input) {
+Bytes datagram(const FakeConnection& to, std::uint8_t kind, Reader& input) {
     using P = AppleMIDIPacket;
     if (kind >= 128) return input.bytes();
     const auto& tokens = to.invitations;
@@ -40,7 +40,7 @@ void peerSends(World& world, Reader& input) {
     const auto to = connection(world, input.byte());
     const std::uint8_t kind = input.byte();
     if (!to) return;
-    to->deliver(datagram(*to->journal, kind, input));
+    to->deliver(datagram(*to, kind, input));
     world.time.run();
 }
 
@@ -49,12 +49,10 @@ void connectionReports(World& world, Reader& input) {
     const std::uint8_t kind = input.byte() % 4;
     if (!of) return;
     if (kind == 3) return of->deliver(Bytes{}, std::make_error_code(std::errc::io_error));
-    of->journal->queue->post([weak = std::weak_ptr(of), kind] {
-        const auto existing = weak.lock();
-        if (!existing) return;
-        if (kind == 0) existing->becomeReady();
-        if (kind == 1) existing->fail(std::errc::address_in_use);
-        if (kind == 2) existing->failSend(std::errc::network_unreachable);
+    of->post([kind](const FakeConnection& connection) {
+        if (kind == 0) connection.becomeReady();
+        if (kind == 1) connection.fail(std::errc::address_in_use);
+        if (kind == 2) connection.failSend(std::errc::network_unreachable);
     });
 }
 
@@ -90,9 +88,7 @@ void userChooses(World& world, std::uint8_t kind) {
 }
 
 void holdQueue(World& world, std::uint8_t index, bool isHeld) {
-    const auto of = connection(world, index);
-    if (!of) return;
-    isHeld ? of->journal->queue->holdBack() : of->journal->queue->release();
+    if (const auto of = connection(world, index)) of->queue->isHeldBack = isHeld;
 }
 
 void expect(const std::string& wrong) {
@@ -100,8 +96,8 @@ void expect(const std::string& wrong) {
 }
 
 constexpr std::array<void (*)(World&, Reader&), 16> actions{
-    [](World& world, Reader&) { world.mainQueue->holdBack(); },
-    [](World& world, Reader&) { world.mainQueue->release(); },
+    [](World& world, Reader&) { world.mainQueue->isHeldBack = true; },
+    [](World& world, Reader&) { world.mainQueue->isHeldBack = false; },
     [](World& world, Reader&) { world.mainQueue->runOne(); },
     [](World& world, Reader& input) { userChooses(world, input.byte()); },
     browserSees,

@@ -36,11 +36,3 @@ TEST(PublishedTest, AnObserverMayEndItselfAndRegisterAnother) {
     field = 2;
     EXPECT_EQ(calls, 11);
 }
-
-TEST(PublishedTest, EachAssignmentOfACallbackIsAChange) {
-    Published<std::function<void()>> callback;
-    int changes = 0;
-    const Observation observation = callback.observe([&] { ++changes; });
-    callback = nullptr;
-    EXPECT_EQ(changes, 1);
-}

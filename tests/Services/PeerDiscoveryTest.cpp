@@ -95,7 +95,6 @@ TEST_F(PeerDiscoveryTest, TakesTheFirstAddress) {
 TEST_F(PeerDiscoveryTest, StartsBothBrowsersOnceOnItsQueue) {
     discovery->start();
     EXPECT_EQ(serviceDiscovery.browsers.size(), 2u);
-    EXPECT_EQ(serviceDiscovery.labels, Texts{"tessary.link-discovery"});
     EXPECT_EQ(serviceDiscovery.browser(midi).queue, serviceDiscovery.queue);
     serviceDiscovery.browser(marker).handlers.failed("Access denied");
     EXPECT_EQ(log.lines, Texts{"[Discovery] browser _tessarylink._tcp failed: Access denied"});
@@ -170,20 +169,19 @@ TEST_F(PeerDiscoveryTest, TrustedAddressesNeedNoMarkerAndOutliveTheProgram) {
     EXPECT_EQ(*discovery->trustedIPs, (std::set<std::string>{"10.0.0.2", "10.0.0.9"}));
 
     // One element that is no text spoils the list.
-    preferences.values["TessaryLink.trustedPeerIPs.v1"] =
-        std::vector<std::optional<std::string>>{"10.0.0.2", std::nullopt};
+    preferences.arrays["TessaryLink.trustedPeerIPs.v1"] = {"10.0.0.2", std::nullopt};
     restart();
     EXPECT_TRUE(discovery->trustedIPs->empty());
 }
 
 TEST_F(PeerDiscoveryTest, PostedWorkHoldsTheDiscoveryAndNothingElseDoes) {
     const auto late = serviceDiscovery.browser(midi).handlers.resultsChanged;
-    mainQueue->holdBack();
+    mainQueue->isHeldBack = true;
     see(midi, {"A"});
     const std::weak_ptr<PeerDiscovery> weak = discovery;
     discovery.reset();
     EXPECT_FALSE(weak.expired());
-    mainQueue->release();
+    mainQueue->isHeldBack = false;
     time.run();
     EXPECT_TRUE(weak.expired());
     late({{"late", midi, "local.", 2}});

@@ -32,9 +32,6 @@ struct FakeLog : Log {
         lines.emplace_back(text);
         if (observer) observer(text);
     }
-    std::size_t count(const std::string& line) const {
-        return static_cast<std::size_t>(std::count(lines.begin(), lines.end(), line));
-    }
     std::vector<std::string> lines;
     std::function<void(std::string_view)> observer;
 };
@@ -46,27 +43,24 @@ struct FakeRandom : Random {
 };
 
 struct FakePreferences : Preferences {
-    using Value = std::variant<std::uint32_t, std::vector<std::optional<std::string>>>;
-    std::optional<std::uint32_t> number(std::string_view key) const override {
-        return get<std::uint32_t>(key);
-    }
-    std::optional<std::vector<std::optional<std::string>>> array(std::string_view key) const override {
-        return get<std::vector<std::optional<std::string>>>(key);
-    }
+    using Array = std::vector<std::optional<std::string>>;
+    std::optional<std::uint32_t> number(std::string_view key) const override { return find(numbers, key); }
+    std::optional<Array> array(std::string_view key) const override { return find(arrays, key); }
     void setNumber(std::string_view key, std::uint32_t value) override {
-        values[std::string(key)] = value, ++writes;
-    }
-    void setTexts(std::string_view key, const std::vector<std::string>& texts) override {
-        values[std::string(key)] = std::vector<std::optional<std::string>>(texts.begin(), texts.end());
+        numbers[std::string(key)] = value;
         ++writes;
     }
-    template <typename T>
-    std::optional<T> get(std::string_view key) const {
-        const auto found = values.find(std::string(key));
-        if (found == values.end() || !std::holds_alternative<T>(found->second)) return std::nullopt;
-        return std::get<T>(found->second);
+    void setTexts(std::string_view key, const std::vector<std::string>& texts) override {
+        arrays[std::string(key)] = Array(texts.begin(), texts.end());
+        ++writes;
     }
-    std::map<std::string, Value> values;
+    template <typename Value>
+    static std::optional<Value> find(const std::map<std::string, Value>& values, std::string_view key) {
+        const auto found = values.find(std::string(key));
+        return found == values.end() ? std::nullopt : std::optional(found->second);
+    }
+    std::map<std::string, std::uint32_t> numbers;
+    std::map<std::string, Array> arrays;
     int writes = 0;
 };
 
@@ -105,64 +99,50 @@ struct FakeMIDIOutput : MIDIOutput {
     std::function<void()> duringPublish; ///< happens while the network thread is inside `publish`
 };
 
-class FakeNetwork;
-class FakeConnection;
-
-/// What happened on one connection; outlives it.
-struct Journal {
-    std::weak_ptr<FakeConnection> connection;
-    std::string ip;
-    std::uint16_t localPort = 0;
-    std::shared_ptr<VirtualTime::VirtualQueue> queue; ///< its session's
-    std::vector<std::uint32_t> invitations, byes;     ///< tokens
-    std::size_t number = 0;                           ///< counts the network's connections
-    std::size_t numberAtBye = 0;                      ///< of the network's next connection, at the first BY
-    bool isSentAfterBye = false;
-
-    bool isOpen() const;
-    bool isInvited() const { return !invitations.empty(); }
-    bool isEnded() const { return !byes.empty(); }
-};
-
-/// A connection that becomes ready as soon as its queue runs, unless the network says otherwise.
-class FakeConnection : public UDPConnection, public std::enable_shared_from_this<FakeConnection> {
+/// One connection as the network and its peer see it. The session does not hold it, but a `FakeSocket`.
+class FakeConnection : public std::enable_shared_from_this<FakeConnection> {
   public:
-    FakeConnection(FakeNetwork& network, std::optional<std::uint16_t> local, IPv4Host remote,
-                   std::uint16_t port)
-        : network_(network)
-        , localPort(local)
-        , host(remote)
-        , remotePort(port) {}
+    FakeConnection(std::uint16_t local, IPv4Host host, std::uint16_t remote)
+        : localPort(local)
+        , ip(host.text())
+        , remotePort(remote) {}
 
-    void setHandlers(UDPHandlers handlers) override { handlers_ = std::move(handlers); }
-    void start(const std::shared_ptr<TimerQueue>& queue) override;
-    void send(std::span<const std::uint8_t> datagram) override;
-    void cancel() override {
-        isCancelled = true;
-        handlers_ = {};
-    }
+    bool isInvited() const { return !invitations.empty(); }
+    bool isEnded() const { return bye.has_value(); }
 
-    void becomeReady() { report(ConnectionState::ready); }
-    void fail(std::errc error) { report(ConnectionState::failed, std::make_error_code(error)); }
-    void failSend(std::errc error) {
-        if (handlers_.sendFailed) handlers_.sendFailed(std::make_error_code(error));
-    }
-
-    /// What a thread that is entering them in the moment of their end still calls.
-    const UDPHandlers& handlers() const { return handlers_; }
-
-    /// A datagram arrives, or an error; on the connection's queue.
-    void deliver(Bytes datagram, std::error_code error = {}) {
-        queue_->post([weak = weak_from_this(), datagram = std::move(datagram), error] {
+    /// It happens on the connection's queue, unless the connection is closed by then.
+    void post(std::function<void(FakeConnection&)> event) {
+        queue->post([weak = weak_from_this(), event = std::move(event)] {
             const auto self = weak.lock();
-            if (!self || !self->isReceiving || !self->handlers_.received) return;
-            self->isReceiving = self->handlers_.received(datagram, error) == Receive::again;
+            if (self && self->isOpen) event(*self);
+        });
+    }
+    void becomeReady() const { handlers.stateDidChange(ConnectionState::ready, {}); }
+    void fail(std::errc error) const {
+        handlers.stateDidChange(ConnectionState::failed, std::make_error_code(error));
+    }
+    void failSend(std::errc error) const { handlers.sendFailed(std::make_error_code(error)); }
+
+    /// A datagram arrives, or an error.
+    void deliver(Bytes datagram, std::error_code error = {}) {
+        post([datagram = std::move(datagram), error](FakeConnection& self) {
+            self.isReceiving = self.isReceiving && self.handlers.received(datagram, error) == Receive::again;
         });
     }
     void deliver(const AppleMIDIPacket& packet) { deliver(packet.encode()); }
     /// The peer accepts the last invitation.
-    void accept() { deliver({AppleMIDIPacket::Accept{journal->invitations.back(), 7, "iPad"}}); }
+    void accept() { deliver({AppleMIDIPacket::Accept{invitations.back(), 7, "iPad"}}); }
 
+    /// The session sends this.
+    void take(std::span<const std::uint8_t> datagram) {
+        sent.emplace_back(datagram.begin(), datagram.end());
+        isSentAfterBye = isSentAfterBye || isEnded();
+        const auto packet = AppleMIDIPacket::decode(datagram);
+        if (!packet) return;
+        if (const auto* invitation = std::get_if<AppleMIDIPacket::Invitation>(&packet->value))
+            invitations.push_back(invitation->token);
+        if (const auto* end = std::get_if<AppleMIDIPacket::Bye>(&packet->value)) bye = end->token;
+    }
     /// The packets of one kind that were sent here.
     template <typename Kind>
     std::vector<Kind> sentOf() const {
@@ -173,24 +153,17 @@ class FakeConnection : public UDPConnection, public std::enable_shared_from_this
         return found;
     }
 
-  private:
-    void report(ConnectionState state, std::error_code error = {}) {
-        if (handlers_.stateDidChange) handlers_.stateDidChange(state, error);
-    }
-
-    FakeNetwork& network_;
-    UDPHandlers handlers_;
-    std::shared_ptr<TimerQueue> queue_;
-
-  public:
-    const std::shared_ptr<Journal> journal = std::make_shared<Journal>();
-    const std::optional<std::uint16_t> localPort;
-    const IPv4Host host;
+    const std::uint16_t localPort;
+    const std::string ip;
     const std::uint16_t remotePort;
+    UDPHandlers handlers;
+    std::shared_ptr<VirtualQueue> queue; ///< its session's
     std::vector<Bytes> sent;
-    bool isStarted = false;
-    bool isCancelled = false;
+    std::vector<std::uint32_t> invitations; ///< their tokens
+    std::optional<std::uint32_t> bye;       ///< its token
+    bool isSentAfterBye = false;
     bool isReceiving = true;
+    bool isOpen = true;
 };
 
 class FakeNetwork : public UDPNetwork {
@@ -199,78 +172,59 @@ class FakeNetwork : public UDPNetwork {
         : time_(time)
         , background_(time.makeQueue()) {}
 
-    std::shared_ptr<TimerQueue> makeQueue(std::string label) override {
-        labels.push_back(std::move(label));
-        lastQueue = time_.makeQueue();
-        return lastQueue;
-    }
+    std::shared_ptr<TimerQueue> makeQueue(std::string) override { return lastQueue = time_.makeQueue(); }
     TimerQueue& backgroundQueue() override { return *background_; }
     std::shared_ptr<UDPConnection> makeConnection(std::optional<std::uint16_t> localPort, IPv4Host host,
                                                   std::uint16_t remotePort) override {
-        auto connection = std::make_shared<FakeConnection>(*this, localPort, host, remotePort);
-        Journal& journal = *connection->journal;
-        journal.connection = connection;
-        journal.ip = host.text();
-        journal.localPort = localPort.value_or(0);
-        journal.number = nextNumber++;
-        made.push_back(connection);
-        journals.push_back(connection->journal);
-        return connection;
+        connections.push_back(std::make_shared<FakeConnection>(localPort.value(), host, remotePort));
+        return std::make_shared<FakeSocket>(*this, connections.back());
     }
 
-    /// The newest connection from this local port that still exists, to this address or to any.
-    std::shared_ptr<FakeConnection> newest(std::uint16_t localPort, const std::string& ip = {}) const {
-        for (auto each = journals.rbegin(); each != journals.rend(); ++each)
-            if ((*each)->localPort == localPort && (ip.empty() || (*each)->ip == ip))
-                if (const auto connection = (*each)->connection.lock()) return connection;
-        return nullptr;
+    /// The newest open connection from this local port that has sent an invitation, to this address or to
+    /// any; if it has ended, one that has sent BY but is not closed yet.
+    std::shared_ptr<FakeConnection> newest(std::uint16_t localPort, const std::string& ip = {},
+                                           bool isEnded = false) const {
+        const auto found = std::find_if(connections.rbegin(), connections.rend(), [&](const auto& each) {
+            return each->localPort == localPort && (ip.empty() || each->ip == ip) && each->isOpen &&
+                   each->isInvited() && each->isEnded() == isEnded;
+        });
+        return found == connections.rend() ? nullptr : *found;
     }
 
-    std::vector<std::weak_ptr<FakeConnection>> made;
-    std::vector<std::shared_ptr<Journal>> journals; ///< of all that were made
-    std::size_t nextNumber = 0;
-    std::vector<std::string> labels;
-    std::shared_ptr<VirtualTime::VirtualQueue> lastQueue;
-    bool isReadyByItself = true;
+    std::vector<std::shared_ptr<FakeConnection>> connections; ///< all that were made
+    std::shared_ptr<VirtualQueue> lastQueue;
+    bool isReadyByItself = true; ///< as soon as the connection's queue runs
 
   private:
+    /// What a session holds of a connection: dropping it closes the connection.
+    struct FakeSocket : UDPConnection {
+        FakeSocket(const FakeNetwork& itsNetwork, std::shared_ptr<FakeConnection> itsConnection)
+            : network(itsNetwork)
+            , connection(std::move(itsConnection)) {}
+        FakeSocket(const FakeSocket&) = delete;
+        FakeSocket& operator=(const FakeSocket&) = delete;
+        ~FakeSocket() override { connection->isOpen = false; }
+
+        void setHandlers(UDPHandlers handlers) override { connection->handlers = std::move(handlers); }
+        void start(const std::shared_ptr<TimerQueue>& queue) override {
+            connection->queue = std::static_pointer_cast<VirtualQueue>(queue);
+            if (network.isReadyByItself) connection->post(std::mem_fn(&FakeConnection::becomeReady));
+        }
+        void send(std::span<const std::uint8_t> datagram) override { connection->take(datagram); }
+        void cancel() override { connection->isOpen = false; }
+
+        const FakeNetwork& network;
+        const std::shared_ptr<FakeConnection> connection;
+    };
+
     VirtualTime& time_;
-    std::shared_ptr<VirtualTime::VirtualQueue> background_;
+    std::shared_ptr<VirtualQueue> background_;
 };
-
-inline bool Journal::isOpen() const {
-    const auto existing = connection.lock();
-    return existing && !existing->isCancelled;
-}
-
-inline void FakeConnection::send(std::span<const std::uint8_t> datagram) {
-    sent.emplace_back(datagram.begin(), datagram.end());
-    if (journal->isEnded()) journal->isSentAfterBye = true;
-    const auto packet = AppleMIDIPacket::decode(datagram);
-    if (!packet) return;
-    if (const auto* invitation = std::get_if<AppleMIDIPacket::Invitation>(&packet->value))
-        journal->invitations.push_back(invitation->token);
-    if (const auto* bye = std::get_if<AppleMIDIPacket::Bye>(&packet->value)) {
-        if (!journal->isEnded()) journal->numberAtBye = network_.nextNumber;
-        journal->byes.push_back(bye->token);
-    }
-}
-
-inline void FakeConnection::start(const std::shared_ptr<TimerQueue>& queue) {
-    isStarted = true;
-    queue_ = queue;
-    journal->queue = std::static_pointer_cast<VirtualTime::VirtualQueue>(queue);
-    if (!network_.isReadyByItself) return;
-    queue_->post([weak = weak_from_this()] {
-        if (const auto self = weak.lock()) self->becomeReady();
-    });
-}
 
 struct FakeBrowser : ServiceBrowser {
     void start(const std::shared_ptr<Queue>& onQueue, BrowserHandlers given) override {
         queue = onQueue;
         handlers = std::move(given);
-        ++starts;
     }
     /// The names that the browser sees now.
     void see(const std::vector<std::string>& names) {
@@ -282,7 +236,6 @@ struct FakeBrowser : ServiceBrowser {
     std::string type;
     std::shared_ptr<Queue> queue;
     BrowserHandlers handlers;
-    int starts = 0;
 };
 
 struct FakeResolver : ServiceResolver {
@@ -301,13 +254,9 @@ struct FakeResolver : ServiceResolver {
         for (const auto& ip : ips)
             addresses_->push_back(IPv4Host::parse(ip).value());
         port_ = port;
-        const auto handler = handlers.didResolve;
-        handler(*this);
+        handlers.didResolve(*this);
     }
-    void fail(const std::string& error) {
-        const auto handler = handlers.didNotResolve;
-        handler(*this, error);
-    }
+    void fail(const std::string& error) { handlers.didNotResolve(*this, error); }
 
     std::string domain, type, name_;
     std::chrono::nanoseconds timeout{};
@@ -321,10 +270,7 @@ class FakeDiscovery : public ServiceDiscovery {
   public:
     explicit FakeDiscovery(VirtualTime& time)
         : time_(time) {}
-    std::shared_ptr<Queue> makeQueue(std::string label) override {
-        labels.push_back(std::move(label));
-        return queue = time_.makeQueue();
-    }
+    std::shared_ptr<Queue> makeQueue(std::string) override { return queue = time_.makeQueue(); }
     std::unique_ptr<ServiceBrowser> makeBrowser(const std::string& type) override {
         auto browser = std::make_unique<FakeBrowser>();
         browser->type = type;
@@ -352,16 +298,14 @@ class FakeDiscovery : public ServiceDiscovery {
 
     std::vector<FakeBrowser*> browsers;
     std::vector<std::shared_ptr<FakeResolver>> resolvers;
-    std::vector<std::string> labels;
-    std::shared_ptr<VirtualTime::VirtualQueue> queue;
+    std::shared_ptr<VirtualQueue> queue;
 
   private:
     VirtualTime& time_;
 };
 
 struct FakeApplication : Application {
-    void terminate() override { ++terminations; }
-    int terminations = 0;
+    void terminate() override {}
 };
 
 struct FakeMenu : Menu {
@@ -377,8 +321,7 @@ struct FakeMenu : Menu {
         const auto item = std::find_if(items.begin(), items.end(),
                                        [&](const MenuItem& each) { return each.title == title; });
         if (item == items.end() || !item->isEnabled) throw std::out_of_range(title);
-        const auto choose = item->choose;
-        choose();
+        item->choose();
     }
 
     std::weak_ptr<MenuDelegate> delegate;
@@ -386,31 +329,26 @@ struct FakeMenu : Menu {
 };
 
 struct FakeStatusItem : StatusItem {
-    void setBehavior(StatusItemBehavior given) override { behavior = given; }
-    void setAutosaveName(const std::string& name) override { autosaveName = name; }
-    void setImage(const Image& given) override { image = given; }
+    void setBehavior(StatusItemBehavior) override {}
+    void setAutosaveName(const std::string&) override {}
+    void setImage(const Image&) override {}
     bool isVisible() const override { return visible; }
     void setVisible(bool isVisible) override { visible = isVisible, ++showings; }
     void setMenu(std::shared_ptr<Menu> given) override { menu = std::move(given); }
 
-    std::optional<StatusItemBehavior> behavior;
-    std::string autosaveName;
-    Image image;
     bool visible = false;
     int showings = 0;
     std::shared_ptr<Menu> menu;
 };
 
 struct FakeStatusBar : StatusBar {
-    std::shared_ptr<StatusItem> makeStatusItem(StatusItemLength given) override {
-        length = given;
+    std::shared_ptr<StatusItem> makeStatusItem(StatusItemLength) override {
         if (duringMakeStatusItem) duringMakeStatusItem();
         return item = std::make_shared<FakeStatusItem>();
     }
     std::shared_ptr<Menu> makeMenu() override { return menu = std::make_shared<FakeMenu>(); }
 
     std::function<void()> duringMakeStatusItem;
-    std::optional<StatusItemLength> length;
     std::shared_ptr<FakeStatusItem> item;
     std::shared_ptr<FakeMenu> menu;
 };
@@ -429,7 +367,7 @@ struct FakeLoginService : LoginService {
     std::optional<LoginServiceError> registerProgram() override { return change(true); }
     std::optional<LoginServiceError> unregisterProgram() override { return change(false); }
     LoginServiceStatus status() const override {
-        return isRegistered ? registeredStatus : LoginServiceStatus::notRegistered;
+        return isRegistered ? LoginServiceStatus::enabled : LoginServiceStatus::notRegistered;
     }
     std::optional<LoginServiceError> change(bool registers) {
         ++calls;
@@ -437,7 +375,6 @@ struct FakeLoginService : LoginService {
         return error;
     }
     bool isRegistered = false;
-    LoginServiceStatus registeredStatus = LoginServiceStatus::enabled;
     std::optional<LoginServiceError> error;
     int calls = 0;
 };
@@ -454,7 +391,7 @@ struct OwnParts {
 /// A whole machine of fakes.
 struct FakeMachine {
     VirtualTime time;
-    std::shared_ptr<VirtualTime::VirtualQueue> mainQueue = time.makeQueue();
+    std::shared_ptr<VirtualQueue> mainQueue = time.makeQueue();
     FakeNetwork network{time};
     FakeDiscovery serviceDiscovery{time};
     FakeMIDIOutput midiOutput;

@@ -45,15 +45,20 @@ struct World : FakeMachine {
     // The peer. Each returns false, and changes nothing, if it cannot happen now.
 
     bool acceptOn(std::uint16_t port) {
-        const auto on = newestOpen(port, false);
-        if (on) on->accept();
-        return handled(on);
+        const auto on = network.newest(port);
+        return on &&
+               arrive(port,
+                      AppleMIDIPacket{AppleMIDIPacket::Accept{on->invitations.back(), 7, "iPad"}}.encode());
     }
     /// Late: on a connection that has sent BY, but is not closed yet.
     bool arrive(std::uint16_t port, const Bytes& datagram, bool isLate = false) {
-        const auto on = newestOpen(port, isLate);
-        if (on) on->deliver(datagram);
-        return handled(on);
+        const auto on = network.newest(port, {}, isLate);
+        if (!on) return false;
+        on->deliver(datagram);
+        for (auto pieces = on->queue->waiting(); pieces > 0;
+             --pieces) // its session handles what waits for it
+            on->queue->runOne();
+        return true;
     }
     inline static const Bytes reject = AppleMIDIPacket{AppleMIDIPacket::Reject{0, 7, ""}}.encode();
     inline static const Bytes bye = AppleMIDIPacket{AppleMIDIPacket::Bye{0, 7}}.encode();
@@ -65,23 +70,25 @@ struct World : FakeMachine {
     /// At any time, between two pieces of work: what does not hold; empty if all does.
     std::string wrongNow() const {
         if (!contradiction.empty()) return contradiction;
-        for (const auto& journal : network.journals)
-            if (const auto wrong = wrongOn(*journal); !wrong.empty())
-                return journal->ip + " port " + std::to_string(journal->localPort) + ": " + wrong;
+        for (const auto& each : network.connections)
+            if (const auto wrong = wrongOn(*each); !wrong.empty())
+                return each->ip + " port " + std::to_string(each->localPort) + ": " + wrong;
         return dialer && !isSumStale ? wrongSum() : "";
     }
 
     /// A moment after the last event: each session has its connections, and each peer a session.
     std::string wrongAtRest() {
-        time.releaseAll();
+        mainQueue->isHeldBack = false;
+        for (const auto& each : network.connections)
+            each->queue->isHeldBack = false;
         time.advance(1500ms);
         if (*dialer->autoConnectEnabled()) isSumStale = false;
         std::map<std::string, int> controls;
-        for (const auto& journal : network.journals) {
-            if (!journal->isOpen()) continue;
-            if (journal->isEnded()) return journal->ip + ": open long after BY";
-            if (!sessions.contains(journal->ip)) return journal->ip + ": a connection of no session";
-            controls[journal->ip] += journal->localPort == 51204;
+        for (const auto& each : network.connections) {
+            if (!each->isOpen) continue;
+            if (each->isEnded()) return each->ip + ": open long after BY";
+            if (!sessions.contains(each->ip)) return each->ip + ": a connection of no session";
+            controls[each->ip] += each->localPort == 51204;
         }
         for (const auto& [ip, isRunning] : sessions)
             if (controls[ip] != 1) return ip + ": a session has one control connection";
@@ -98,20 +105,17 @@ struct World : FakeMachine {
         const auto ticks = mainQueue->ticksOnTheirWay();
         dialer.reset();
         const std::size_t lines = log.lines.size(), messages = midiOutput.messages.size();
-        for (const auto& journal : network.journals) {
-            const auto connection = journal->connection.lock();
-            if (!connection) continue;
-            connection->becomeReady();
-            connection->deliver(bye);
-            connection->deliver(midi);
+        for (const auto& each : network.connections) {
+            each->becomeReady();
+            each->deliver(bye);
+            each->deliver(midi);
         }
         for (const auto& tick : ticks)
             tick();
         (*discovery->peersDidChange)();
         time.advance(1500ms);
-        for (const auto& journal : network.journals)
-            if (journal->isOpen() || journal->isInvited() != journal->isEnded())
-                return "a session has not ended";
+        for (const auto& each : network.connections)
+            if (each->isOpen || each->isInvited() != each->isEnded()) return "a session has not ended";
         if (log.lines.size() != lines) return "a report after release";
         if (midiOutput.messages.size() != messages) return "a message after release";
         return wrongNow();
@@ -119,10 +123,8 @@ struct World : FakeMachine {
 
     /// For long runs: drops the records of what has ended.
     void forgetThePast() {
-        std::erase_if(network.journals, [](const auto& journal) { return journal->connection.expired(); });
-        std::erase_if(network.made, [](const auto& connection) { return connection.expired(); });
+        std::erase_if(network.connections, [](const auto& each) { return !each->isOpen; });
         std::erase_if(serviceDiscovery.resolvers, [](const auto& resolver) { return resolver->isStopped; });
-        network.labels.clear();
         log.lines.clear();
         midiOutput.messages.clear();
         midiOutput.stamps.clear();
@@ -138,21 +140,6 @@ struct World : FakeMachine {
     std::string contradiction;
 
   private:
-    std::shared_ptr<FakeConnection> newestOpen(std::uint16_t port, bool isEnded) const {
-        for (auto each = network.journals.rbegin(); each != network.journals.rend(); ++each)
-            if ((*each)->localPort == port && (*each)->isInvited() && (*each)->isEnded() == isEnded)
-                if ((*each)->isOpen()) return (*each)->connection.lock();
-        return nullptr;
-    }
-    /// Its session handles what waits for it.
-    static bool handled(const std::shared_ptr<FakeConnection>& on) {
-        if (!on) return false;
-        const auto queue = on->journal->queue;
-        for (auto pieces = queue->waiting(); pieces > 0; --pieces)
-            queue->runOne();
-        return true;
-    }
-
     void follow(std::string_view line) {
         if (!line.starts_with("[Dialer] ")) return;
         std::string_view rest = line.substr(9);
@@ -171,21 +158,22 @@ struct World : FakeMachine {
         if (!fits) contradiction = "out of order: " + std::string(line);
     }
 
-    std::string wrongOn(const Journal& journal) const {
-        if (journal.isSentAfterBye) return "sent after BY";
-        if (journal.isInvited() && !journal.isOpen() && !journal.isEnded()) return "closed without BY";
-        if (!journal.isEnded()) return {};
+    std::string wrongOn(const FakeConnection& connection) const {
+        if (connection.isSentAfterBye) return "sent after BY";
+        if (!connection.isOpen && connection.isInvited() && !connection.isEnded()) return "closed without BY";
         std::uint32_t token =
-            0; // of the session's last invitation on this port, if need be on a connection before
-        for (const auto& other : network.journals) {
-            if (other->queue != journal.queue) continue;
-            if (other->localPort == journal.localPort && other->number <= journal.number &&
-                other->isInvited())
-                token = other->invitations.back();
-            if (other->number < journal.numberAtBye && other->isInvited() && !other->isEnded())
-                return "BY on this port, not on the other";
+            0; // of the session's last invitation on this port, even on an earlier connection
+        bool hasControlEnded = false;
+        for (const auto& each : network.connections) {
+            if (each->queue != connection.queue) continue;
+            if (each->localPort == 51204) hasControlEnded = each->isEnded();
+            if (each->localPort == connection.localPort && each->isInvited())
+                token = each->invitations.back();
+            if (each.get() == &connection) break;
         }
-        return journal.byes.front() == token ? "" : "BY with another token than the last invitation's";
+        if (connection.isInvited() && connection.isEnded() != hasControlEnded) return "BY on one port alone";
+        return connection.bye.value_or(token) == token ? ""
+                                                       : "BY with another token than the last invitation's";
     }
 
     std::string wrongSum() const {
@@ -205,8 +193,8 @@ struct World : FakeMachine {
     }
 
     bool mayDial = true;
-    bool isSumStale =
-        false; ///< from a reconnect without auto-connect, or a shutdown, to the next look at the peers
+    /// From a reconnect without auto-connect, or a shutdown, to the next look at the peers.
+    bool isSumStale = false;
 };
 
 } // namespace tessary::test
