@@ -20,22 +20,25 @@ using Bytes = std::vector<std::uint8_t>;
 
 // Other bytes need another protocolVersion, and other inputs in the corpus of fuzz_discovery.
 TEST(DiscoveryMessagesTest, TheBytesOfEachReportAreFixed) {
-    const std::string longest(maxTextSize, 'x');
-    const std::vector<IPv4Host> most(maxAddresses, IPv4Host{{10, 50, 0, 2}});
     const std::vector<Report> reports{Started{1, Responder::embedded, refusedFilter},
-                                      Listed{1, "Pad", longest, 2},
+                                      Listed{1, "Pad", "local", 2},
                                       Listed{2, "Müller", "local", 2},
                                       Changed{1},
                                       Changed{2},
                                       Pong{},
-                                      Resolved{3, 5004, most},
+                                      Resolved{3, 5004, {{{10, 50, 0, 2}}, {{10, 51, 0, 2}}}},
                                       Unresolved{4, "Timeout reached"},
-                                      Unlisted{1, "Pad", longest, 2},
+                                      Unlisted{1, "Pad", "local", 2},
                                       Restarted{2},
                                       BrowseFailed{2, "Daemon not running"},
-                                      Pong{}};
-    const std::string input = read(TESSARY_CORPUS "/fuzz_discovery/every-report").substr(1);
-    const Bytes stream(input.begin(), input.end());
+                                      Pong{},
+                                      BrowseFailed{1, std::string(maxTextSize, 'x')},
+                                      Resolved{3, 5004, std::vector(maxAddresses, IPv4Host{{10, 50, 0, 2}})}};
+    Bytes stream;
+    for (const char* input : {"every-report", "longest-fields"}) {
+        const std::string text = read(std::string(TESSARY_CORPUS "/fuzz_discovery/") + input);
+        stream.insert(stream.end(), text.begin() + 1, text.end());
+    }
     Bytes encoded, again;
     for (const Report& report : reports)
         encode(report, encoded);
