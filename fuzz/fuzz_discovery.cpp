@@ -4,10 +4,10 @@
 // An input is a byte, how often the stream is repeated, and the stream or datagram. `Started` stands for a
 // new process, and `Pong` runs the client's queue. The browses are number 1 and 2, resolutions follow.
 #include "Aliases.h"
+#include "Fuzz.h"
 #include "Models/UTF8.h"
 #include "Platform/discovery/DiscoveryClient.h"
 #include "Platform/discovery/DiscoveryProcess.h"
-#include "Require.h"
 #include "Services/PeerDiscovery.h"
 #include "support/Fakes.h"
 

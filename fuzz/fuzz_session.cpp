@@ -1,7 +1,6 @@
 // The dialer, its sessions and the discovery on a machine of fakes: peers come, go, answer and send anything,
 // threads are held back, connections fail, and the user uses the menu.
-#include "Reader.h"
-#include "Require.h"
+#include "Fuzz.h"
 #include "support/World.h"
 
 #include <array>

@@ -1,7 +1,7 @@
 // Names from the network, on their way into the log and the menu. Qt's decoder judges what is UTF-8.
+#include "Fuzz.h"
 #include "Models/UTF8.h"
 #include "Platform/qt/QtMenu.h"
-#include "Require.h"
 
 #include <QAction>
 #include <QApplication>

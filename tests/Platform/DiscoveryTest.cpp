@@ -3,7 +3,7 @@
 
 #include "Confinement.h"
 #include "Platform/discovery/Messages.h"
-#include "Platform/network/EventLoop.h"
+#include "Platform/network/LoopQueue.h"
 #include "support/Fakes.h"
 #include "support/TemporaryFolder.h"
 
@@ -59,22 +59,6 @@ void end(pid_t& process) {
 OpenFile currentNetwork() {
     return OpenFile(open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
 }
-
-/// The main thread's loop, which runs while the test waits for something.
-class MainQueue : public Queue {
-  public:
-    void post(std::function<void()> work) override { loop.post(std::move(work)); }
-
-    template <typename Condition>
-    bool runUntil(Condition isMet, std::chrono::seconds timeout = 30s) {
-        const auto end = std::chrono::steady_clock::now() + timeout;
-        while (!isMet() && std::chrono::steady_clock::now() < end)
-            loop.serveOne(100);
-        return isMet();
-    }
-
-    EventLoop loop;
-};
 
 /// An mDNS responder in a network namespace of its own, at the other end of the test's links near0, near1 …
 class Device {
@@ -164,12 +148,13 @@ class Device {
 class DiscoveryTest : public testing::Test {
   protected:
     void SetUp() override {
-        if (geteuid() != 0 || !run("command -v ip avahi-daemon dbus-daemon gdbus >/dev/null") ||
+        if (geteuid() != 0 || !run("command -v ip avahi-daemon dbus-daemon gdbus") ||
             unshare(CLONE_NEWNET) != 0)
             GTEST_SKIP() << "needs root, network namespaces, iproute2, avahi-daemon, dbus-daemon and gdbus";
         ASSERT_TRUE(run("ip link set lo up"));
         // Nothing listens there unless the test starts a bus.
         setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + (folder_ / "bus").string()).c_str(), 1);
+        discovery_.emplace(loop_, mainQueue_, log_, TESSARY_DISCOVERY);
     }
     void TearDown() override {
         discovery_.reset();
@@ -202,11 +187,12 @@ class DiscoveryTest : public testing::Test {
         if (bus_ != 0) run(callBus_ + "ReloadConfig");
     }
 
-    DiscoveryClient& discovery() {
-        if (!discovery_)
-            discovery_ =
-                std::make_unique<DiscoveryClient>(mainQueue_.loop, mainQueue_, log_, TESSARY_DISCOVERY);
-        return *discovery_;
+    /// Runs the main thread's loop.
+    bool runUntil(const std::function<bool()>& isMet, std::chrono::seconds timeout = 30s) {
+        const auto end = std::chrono::steady_clock::now() + timeout;
+        while (!isMet() && std::chrono::steady_clock::now() < end)
+            loop_.serveOne(100);
+        return isMet();
     }
 
     struct Browsed {
@@ -216,21 +202,21 @@ class DiscoveryTest : public testing::Test {
     };
     std::shared_ptr<Browsed> browse(const std::string& type) {
         auto browsed = std::make_shared<Browsed>();
-        browsed->browser = discovery().makeBrowser(type);
+        browsed->browser = discovery_->makeBrowser(type);
         const auto changed = [&sets = browsed->sets](const std::vector<BrowseResult>& results) {
             Names& names = sets.emplace_back();
             for (const BrowseResult& result : results)
                 names.insert(result.name);
         };
-        const auto failed = [&failures = browsed->failures](const std::string& reason) {
+        const auto failed = [&failures = browsed->failures](const auto& reason) {
             failures.push_back(reason);
         };
-        browsed->browser->start(discovery().makeQueue("test"), {.resultsChanged = changed, .failed = failed});
+        browsed->browser->start(discovery_->makeQueue("test"), {.resultsChanged = changed, .failed = failed});
         return browsed;
     }
     /// Takes reports up to the one of exactly these names; all of them name `always`.
     bool reach(const std::shared_ptr<Browsed>& browsed, const Names& names, const std::string& always = {}) {
-        while (mainQueue_.runUntil([&] { return !browsed->sets.empty(); })) {
+        while (runUntil([&] { return !browsed->sets.empty(); })) {
             const Names set = browsed->sets.front();
             browsed->sets.pop_front();
             EXPECT_TRUE(always.empty() || set.contains(always));
@@ -247,19 +233,20 @@ class DiscoveryTest : public testing::Test {
     std::shared_ptr<Resolved> resolve(const std::string& name, const std::string& type = appleMIDI,
                                       std::chrono::milliseconds timeout = 5s) {
         auto resolved = std::make_shared<Resolved>();
-        resolved->resolver = discovery().makeResolver("local.", type + ".", name);
-        const auto didResolve = [outcome = &resolved->outcome](ServiceResolver& resolver) {
-            outcome->emplace();
+        resolved->resolver = discovery_->makeResolver("local.", type + ".", name);
+        const auto didResolve = [&outcome = resolved->outcome](ServiceResolver& resolver) {
+            outcome.emplace();
             for (const IPv4Host& host : *resolver.addresses())
-                (*outcome)->push_back(host.text() + ":" + std::to_string(resolver.port()));
+                outcome->push_back(host.text() + ":" + std::to_string(resolver.port()));
         };
-        const auto didNotResolve = [outcome = &resolved->outcome](
-                                       ServiceResolver&, const std::string& error) { *outcome = {error}; };
+        const auto didNotResolve = [&outcome = resolved->outcome](auto&, const auto& error) {
+            outcome = {error};
+        };
         resolved->resolver->resolve(timeout, {.didResolve = didResolve, .didNotResolve = didNotResolve});
         return resolved;
     }
     Texts outcome(const std::shared_ptr<Resolved>& resolved) {
-        mainQueue_.runUntil([&] { return resolved->outcome.has_value(); });
+        runUntil([&] { return resolved->outcome.has_value(); });
         return resolved->outcome.value_or(Texts{"no outcome"});
     }
 
@@ -270,9 +257,10 @@ class DiscoveryTest : public testing::Test {
     const TemporaryFolder folder_;
     const OpenFile home_ = currentNetwork();
     pid_t bus_ = 0, daemon_ = 0;
-    MainQueue mainQueue_;
+    EventLoop loop_;
+    LoopQueue mainQueue_{loop_};
     FakeLog log_;
-    std::unique_ptr<DiscoveryClient> discovery_;
+    std::optional<DiscoveryClient> discovery_;
 };
 
 /// Without a daemon (false) and with one (true).
@@ -487,12 +475,12 @@ TEST_F(DiscoveryTest, AProcessThatFailsIsReplacedAndWhatItFoundStays) {
         discovery_.reset(); // and with it the former process, which may still write to the file
         write(folder_ / "starts", "");
         log_.lines.clear();
-        discovery_ = std::make_unique<DiscoveryClient>(mainQueue_.loop, mainQueue_, log_, partner);
+        discovery_.emplace(loop_, mainQueue_, log_, partner);
         const auto peers = browse(appleMIDI);
         const auto isReplaced = [&] {
             return !peers->sets.empty() && std::filesystem::file_size(folder_ / "starts") > 1;
         };
-        ASSERT_TRUE(mainQueue_.runUntil(isReplaced, 75s)) << behaviour;
+        ASSERT_TRUE(runUntil(isReplaced, 75s)) << behaviour;
         EXPECT_EQ(log_.lines.front(), "[Discovery] discovery process " + reason + "; what was found stays")
             << behaviour;
         for (const Names& set : peers->sets)

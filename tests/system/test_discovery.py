@@ -32,6 +32,7 @@ class Discovery(SystemTest):
         self.device(self.stage, "--name", "Piano", "--port", 7000)
         program.wait_for(r"^.Dialer. 10\.77\.2\.9 running$")
         self.assertEqual(program.times("didNotResolve"), [])
+        program.terminate()
         self.assertEqual(program.preferences,
                          {"TessaryLink.localSSRC.v1": ssrc,
                           "TessaryLink.trustedPeerIPs.v1": ["10.77.2.2", "10.77.2.9"]})
