@@ -1,5 +1,5 @@
 // A session packet, as it comes from the network.
-#include "Require.h"
+#include "Fuzz.h"
 #include "Services/AppleMIDIPacket.h"
 
 #include <algorithm>

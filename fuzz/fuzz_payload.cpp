@@ -4,9 +4,8 @@
 // the sequence number, 0x08 has 64 more senders say the same, 0x10 stretches System Exclusive by 4,000 bytes
 // (with 0x80 by 3,998), 0x20 cuts the datagram short, 0x40 makes it the list's bytes alone. Of the flags, the
 // high bits are those of the section's header, the low ones the CSRC count.
-#include "Reader.h"
+#include "Fuzz.h"
 #include "ReferenceParser.h"
-#include "Require.h"
 #include "Services/CoreMIDIBridge.h"
 #include "support/Fakes.h"
 

@@ -1,7 +1,7 @@
 // The preferences file, which the user may have edited: what is loaded from it, and what is left of it after
 // a write.
+#include "Fuzz.h"
 #include "Platform/qt/JSONPreferences.h"
-#include "Require.h"
 #include "support/TemporaryFolder.h"
 
 using namespace tessary;

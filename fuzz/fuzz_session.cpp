@@ -1,7 +1,6 @@
 // The dialer, its sessions and the discovery on a machine of fakes: peers come, go, answer and send anything,
 // threads are held back, connections fail, and the user uses the menu.
-#include "Reader.h"
-#include "Require.h"
+#include "Fuzz.h"
 #include "support/World.h"
 
 #include <array>
@@ -39,8 +38,7 @@ Bytes datagram(const FakeConnection& to, std::uint8_t kind, Reader& input) {
 void peerSends(World& world, Reader& input) {
     const auto to = connection(world, input.byte());
     const std::uint8_t kind = input.byte();
-    if (!to) return;
-    to->deliver(datagram(*to, kind, input));
+    if (to) to->deliver(datagram(*to, kind, input));
     world.time.run();
 }
 
@@ -81,17 +79,19 @@ void resolverEnds(World& world, Reader& input) {
     resolver->succeed(found, ports[kind / 4 % 8]);
 }
 
-void userChooses(World& world, std::uint8_t kind) {
+void userChooses(World& world, Reader& input) {
+    const std::uint8_t kind = input.byte();
     if (kind % 4 == 0) world.reconnect();
     if (kind % 4 == 2) world.shutDown();
     if (kind % 2 == 1) world.setAutoConnect(kind % 4 == 3);
 }
 
-void holdQueue(World& world, std::uint8_t index, bool isHeld) {
-    if (const auto of = connection(world, index)) of->queue->isHeldBack = isHeld;
+template <bool isHeld>
+void holdQueue(World& world, Reader& input) {
+    if (const auto of = connection(world, input.byte())) of->queue->isHeldBack = isHeld;
 }
 
-void expect(const std::string& wrong) {
+void requireNothing(const std::string& wrong) {
     require(wrong.empty(), wrong);
 }
 
@@ -99,14 +99,14 @@ constexpr std::array<void (*)(World&, Reader&), 16> actions{
     [](World& world, Reader&) { world.mainQueue->isHeldBack = true; },
     [](World& world, Reader&) { world.mainQueue->isHeldBack = false; },
     [](World& world, Reader&) { world.mainQueue->runOne(); },
-    [](World& world, Reader& input) { userChooses(world, input.byte()); },
+    userChooses,
     browserSees,
     resolverEnds,
     connectionReports,
-    [](World& world, Reader& input) { holdQueue(world, input.byte(), true); },
-    [](World& world, Reader& input) { holdQueue(world, input.byte(), false); },
+    holdQueue<true>,
+    holdQueue<false>,
     [](World& world, Reader& input) { world.time.advance(input.byte() * 10ms); },
-    [](World& world, Reader&) { expect(world.wrongAtRest()); },
+    [](World& world, Reader&) { requireNothing(world.wrongAtRest()); },
     [](World& world, Reader& input) { world.time.calendar -= input.byte() * 1min; },
     [](World& world, Reader& input) { world.network.isReadyByItself = input.byte() % 4 != 0; },
     peerSends,
@@ -121,9 +121,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Reader input(data, size);
     while (!input.isEmpty()) {
         actions[input.byte() % actions.size()](world, input);
-        expect(world.wrongNow());
+        requireNothing(world.wrongNow());
     }
-    expect(world.wrongAtRest());
-    expect(world.wrongAfterRelease());
+    requireNothing(world.wrongAtRest());
+    requireNothing(world.wrongAfterRelease());
     return 0;
 }

@@ -1,13 +1,22 @@
-// Takes an input apart from its front on, so that seeds can be written by hand.
+// What fuzz targets share: reading an input, and reporting that a property does not hold.
 #pragma once
 
 #include <algorithm>
 #include <cstdint>
 #include <span>
+#include <stdexcept>
+#include <string>
 #include <vector>
 
 namespace tessary::fuzz {
 
+/// Throws unless `holds`. In the fuzzer nothing catches it, so the process aborts and the fuzzer records a
+/// finding; where the corpus is replayed, the test of this input fails.
+inline void require(bool holds, const std::string& what) {
+    if (!holds) throw std::logic_error("does not hold: " + what);
+}
+
+/// Takes an input apart from its front on, so that seeds can be written by hand.
 class Reader {
   public:
     Reader(const std::uint8_t* data, std::size_t size)
@@ -21,10 +30,6 @@ class Reader {
         const std::uint8_t first = rest_.front();
         rest_ = rest_.subspan(1);
         return first;
-    }
-    std::uint16_t word() {
-        const int high = byte();
-        return static_cast<std::uint16_t>(high << 8 | byte());
     }
     /// As many bytes as the next byte says, or as there are.
     std::vector<std::uint8_t> bytes() {
