@@ -41,9 +41,9 @@ Bytes bytesOf(const snd_seq_event_t& event) {
     snd_midi_event_new(512, &decoder);
     snd_midi_event_no_status(decoder, 1);
     Bytes bytes(512);
-    const long size = snd_midi_event_decode(decoder, bytes.data(), static_cast<long>(bytes.size()), &event);
+    const long size = snd_midi_event_decode(decoder, bytes.data(), 512, &event);
     snd_midi_event_free(decoder);
-    bytes.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
+    bytes.resize(static_cast<std::size_t>(std::max(size, 0L)));
     return bytes;
 }
 

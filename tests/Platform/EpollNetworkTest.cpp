@@ -260,17 +260,15 @@ TEST_F(EpollNetworkTest, NoICMPErrorEndsReceivingOrLosesADatagramThatIsSent) {
 TEST_F(EpollNetworkTest, WhenAddressesChangeConnectionsReopenInTheirOrderButNotSupersededOnes) {
     if (!own.isSeparate) GTEST_SKIP() << "making a network needs root";
     std::vector<std::shared_ptr<UDPConnection>> all;
-    const auto openOne = [&](const std::string& name, unsigned number) {
-        const IPv4Host host{{10, 77, 0, static_cast<std::uint8_t>(2 + number / 2)}};
-        const auto place = static_cast<std::uint16_t>(number);
-        all.push_back(open(name, 7000 + place, host, 5004 + place % 2));
-    };
-    openOne("superseded", 0);
-    for (unsigned number = 0; number < 8; ++number) // two ports of each of four devices
-        openOne(std::to_string(number), number);
+    // Two ports of each of four devices. The first connection is superseded by the second.
+    const std::vector<std::uint16_t> ports{7000, 7000, 7001, 7002, 7003, 7004, 7005, 7006, 7007};
+    for (const auto port : ports) {
+        const IPv4Host host{{10, 77, 0, static_cast<std::uint8_t>((port - 6996) / 2)}};
+        all.push_back(open(std::to_string(port), port, host, 5004 + port % 2));
+    }
     EXPECT_EQ(std::system("ip addr del 10.77.0.1/24 dev lan && ip addr add 10.77.0.9/24 dev lan"), 0);
-    for (unsigned number = 0; number < 8; ++number)
-        EXPECT_EQ(next(), std::to_string(number) + " is ready");
+    for (int port = 7000; port < 7008; ++port)
+        EXPECT_EQ(next(), std::to_string(port) + " is ready");
     settle();
     EXPECT_TRUE(reports->isEmpty());
 }
@@ -290,18 +288,18 @@ TEST_F(EpollNetworkTest, AFloodingPeerDelaysAnotherByOneDatagram) {
 
 TEST_F(EpollNetworkTest, TimersLeftAtTheEndAreDroppedEvenIfThatPostsMore) {
     int dropped = 0;
-    using Queue = std::shared_ptr<TimerQueue>;
+    std::shared_ptr<TimerQueue> queue;
     // What a timer owns, and whose destruction makes a timer that owns the next one.
-    const std::function<std::shared_ptr<void>(Queue, int)> owned = [&](const Queue& queue, int more) {
-        return std::shared_ptr<void>(nullptr, [&, queue, more](void*) {
+    const std::function<std::shared_ptr<void>(int)> owned = [&](int more) {
+        return std::shared_ptr<void>(nullptr, [&, more](void*) {
             ++dropped;
-            if (more > 0) queue->postAfter(1h, [next = owned(queue, more - 1)] {});
+            if (more > 0) queue->postAfter(1h, [next = owned(more - 1)] {});
         });
     };
     {
         EpollNetwork ending({});
-        const Queue queue = ending.makeQueue("test");
-        queue->postAfter(1h, [last = owned(queue, 2)] {});
+        queue = ending.makeQueue("test");
+        queue->postAfter(1h, [last = owned(2)] {});
         { const Hold untilItIsATimer(ending); }
         ending.stop(); // as the program does, before it is destroyed
     }

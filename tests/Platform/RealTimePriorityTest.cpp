@@ -23,8 +23,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr int good = 0, bad = 1;
-
 int policy(pid_t thread = 0) {
     return sched_getscheduler(thread) & ~SCHED_RESET_ON_FORK;
 }
@@ -48,21 +46,17 @@ long secondsUntil(int alarm) {
 
 /// A thread that blocks all signals asks for the priority, runs without waiting until it has lost it, and
 /// asks again.
-int loseItAndAskAgain(int expectedPriority) {
-    std::atomic<int> status = good;
+bool loseItAndAskAgain(int expectedPriority) {
+    std::atomic<bool> isAsExpected = true;
     startThread("test", [&] {
-        const auto check = [&](bool condition) {
-            if (!condition) status = bad;
-        };
+        const auto check = [&](bool condition) { isAsExpected = isAsExpected && condition; };
         RealTimePriority priority;
         priority.ask();
         sched_param given{};
         sched_getparam(0, &given);
         check(policy() == SCHED_FIFO && given.sched_priority == expectedPriority);
         check(secondsUntil(priority.timeToAskAgain()) == 0);
-        std::thread([&] {
-            check(policy() == SCHED_OTHER);
-        }).join(); // a thread of its own does not inherit it
+        std::thread([&] { check(policy() == SCHED_OTHER); }).join(); // not inherited
         // Without a limit a flood would stop the machine.
         rlimit limit{};
         getrlimit(RLIMIT_RTTIME, &limit);
@@ -77,7 +71,7 @@ int loseItAndAskAgain(int expectedPriority) {
             std::this_thread::sleep_for(1ms); // the kernel counts anew
         }
     }).join(); // meanwhile no other thread takes the signal
-    return status;
+    return isAsExpected;
 }
 
 class RealTimePriorityDeathTest : public testing::Test {
@@ -94,7 +88,7 @@ class RealTimePriorityDeathTest : public testing::Test {
 } // namespace
 
 TEST_F(RealTimePriorityDeathTest, AThreadThatNeverWaitsStepsDownAndMayAskAgain) {
-    EXPECT_EXIT(std::_Exit(loseItAndAskAgain(RealTimePriority::priority)), testing::ExitedWithCode(good), "");
+    EXPECT_EXIT(std::_Exit(!loseItAndAskAgain(RealTimePriority::priority)), testing::ExitedWithCode(0), "");
 }
 
 // Without the privilege the kernel grants no more than the limit, and no more once the thread has lost it to
@@ -103,12 +97,12 @@ TEST_F(RealTimePriorityDeathTest, TheUsersLimitIsEnoughToAskAndToStepDown) {
     const rlimit limit{.rlim_cur = 2, .rlim_max = 2}; // lower than what is asked for first
     if (geteuid() != 0 || setrlimit(RLIMIT_RTPRIO, &limit) != 0)
         GTEST_SKIP() << "may not raise the limit here";
-    const auto asUser = [] { return setresuid(65534, 65534, 65534) == 0 ? loseItAndAskAgain(2) : bad; };
-    EXPECT_EXIT(std::_Exit(asUser()), testing::ExitedWithCode(good), "");
+    const auto asUser = [] { return setresuid(65534, 65534, 65534) == 0 && loseItAndAskAgain(2); };
+    EXPECT_EXIT(std::_Exit(!asUser()), testing::ExitedWithCode(0), "");
 }
 
 TEST_F(RealTimePriorityDeathTest, OnlyANetworkThatWantsItHasIt) {
-    const auto status = [] {
+    const auto isAsExpected = [] {
         const auto threadOf = [](EpollNetwork& network) {
             Reports<pid_t> thread;
             network.backgroundQueue().post([&] { thread.add(gettid()); });
@@ -117,7 +111,7 @@ TEST_F(RealTimePriorityDeathTest, OnlyANetworkThatWantsItHasIt) {
         EpollNetwork ordinary({}), urgent({}, Scheduling::realTime);
         threadOf(ordinary); // has asked by now, if it does
         const auto expected = threadOf(urgent);
-        return realTimeThreads() == std::vector{expected.value()} ? good : bad;
+        return realTimeThreads() == std::vector{expected.value()};
     };
-    EXPECT_EXIT(std::_Exit(status()), testing::ExitedWithCode(good), "");
+    EXPECT_EXIT(std::_Exit(!isAsExpected()), testing::ExitedWithCode(0), "");
 }
