@@ -2,9 +2,10 @@
 
 #include "Platform/system/OpenFile.h"
 #include "support/Await.h"
-#include "support/Packet.h"
 #include "support/PeerSocket.h"
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstdlib>
 #include <fcntl.h>
@@ -12,6 +13,7 @@
 #include <future>
 #include <gtest/gtest.h>
 #include <netinet/ip_icmp.h>
+#include <numeric>
 #include <sched.h>
 #include <string>
 #include <string_view>
@@ -41,16 +43,14 @@ Bytes bytes(std::string_view text) {
 class Hold {
   public:
     explicit Hold(EpollNetwork& network) {
-        const auto held = std::make_shared<std::promise<void>>();
-        network.backgroundQueue().post([held, released = release_.get_future().share()] {
-            held->set_value();
+        Reports<bool> isHeld;
+        network.backgroundQueue().post([&isHeld, released = release_.get_future().share()] {
+            isHeld.add(true);
             released.wait();
         });
-        held->get_future().wait();
+        isHeld.next();
     }
     ~Hold() { release_.set_value(); }
-    Hold(const Hold&) = delete;
-    Hold& operator=(const Hold&) = delete;
 
   private:
     std::promise<void> release_;
@@ -60,52 +60,44 @@ class Hold {
 /// and the loopback.
 class OwnNetwork {
   public:
-    OwnNetwork()
-        : before_(::open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC))
-        , isSeparate(unshare(CLONE_NEWNET) == 0 &&
-                     std::system("ip link set lo up && ip link add lan type veth peer name far && "
-                                 "ip link set lan up && ip link set far up && "
-                                 "ip addr add 10.77.0.1/24 dev lan") == 0) {}
     ~OwnNetwork() { setns(before_.file(), CLONE_NEWNET); }
-    OwnNetwork(const OwnNetwork&) = delete;
-    OwnNetwork& operator=(const OwnNetwork&) = delete;
 
   private:
-    const OpenFile before_;
+    const OpenFile before_{::open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC)};
 
-  protected:
-    const bool isSeparate; ///< false where that needs root
+  public:
+    const bool isSeparate = ///< false where that needs root
+        unshare(CLONE_NEWNET) == 0 &&
+        std::system("ip link set lo up && ip link add lan type veth peer far && "
+                    "ip link set lan up && ip link set far up && "
+                    "ip addr add 10.77.0.1/24 dev lan") == 0;
 };
 
 /// Sends the ICMP error of a router or peer for a datagram from 127.0.0.1 to 127.0.1.1 (RFC 792).
-void sendICMPError(unsigned type, unsigned code, std::uint16_t fromPort, std::uint16_t toPort) {
-    Bytes packet = "0000 0000 0000 0578" // type and code, checksum, unused, next hop's MTU
-                   "4500 001C 0000 0000 4011 0000 7F000001 7F000101 0000 0000 0008 0000"_packet;
-    const auto put = [&](std::size_t offset, unsigned value) {
-        packet[offset] = static_cast<std::uint8_t>(value >> 8);
-        packet[offset + 1] = static_cast<std::uint8_t>(value);
+void sendICMPError(std::uint16_t typeAndCode, std::uint16_t fromPort, std::uint16_t toPort) {
+    std::array<std::uint16_t, 18> packet{
+        typeAndCode, 0,      0,      0x0578,                                            // the next hop's MTU
+        0x4500,      0x001C, 0,      0,      0x4011, 0, 0x7F00, 0x0001, 0x7F00, 0x0101, // IP
+        fromPort,    toPort, 0x0008, 0,                                                 // UDP
     };
-    put(0, type << 8 | code);
-    put(28, fromPort);
-    put(30, toPort);
-    unsigned sum = 0;
-    for (std::size_t i = 0; i < packet.size(); i += 2)
-        sum += static_cast<unsigned>(packet[i] << 8 | packet[i + 1]);
-    sum = (sum & 0xFFFF) + (sum >> 16);
-    put(2, ~(sum + (sum >> 16)));
+    const auto sum = std::accumulate(packet.begin(), packet.end(), 0U);
+    const auto folded = (sum & 0xFFFF) + (sum >> 16);
+    packet[1] = static_cast<std::uint16_t>(~(folded + (folded >> 16)));
+    std::ranges::transform(packet, packet.begin(), htons);
     const sockaddr_in to = PeerSocket::endpoint({{127, 0, 0, 1}}, 0);
-    const int file = socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_ICMP);
-    EXPECT_EQ(
-        sendto(file, packet.data(), packet.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to),
-        static_cast<ssize_t>(packet.size()));
-    close(file);
+    const OpenFile file(socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_ICMP));
+    EXPECT_EQ(sendto(file.file(), packet.data(), sizeof packet, 0, reinterpret_cast<const sockaddr*>(&to),
+                     sizeof to),
+              sizeof packet);
 }
 
 class EpollNetworkTest : public testing::Test {
   protected:
-    /// Starts a connection. What its handlers are called with is reported under its name.
-    std::shared_ptr<UDPConnection> start(const std::string& name, std::uint16_t localPort, IPv4Host host,
-                                         std::uint16_t port, Receive answer = Receive::again) {
+    /// Starts a connection, and waits until it is ready or has failed. What its handlers are called with is
+    /// reported under its name.
+    std::shared_ptr<UDPConnection> open(const std::string& name, std::uint16_t localPort, IPv4Host host,
+                                        std::uint16_t port, Receive answer = Receive::again,
+                                        const std::string& expected = " is ready") {
         auto connection = network.makeConnection(localPort, host, port);
         connection->setHandlers(
             {.stateDidChange =
@@ -121,14 +113,11 @@ class EpollNetworkTest : public testing::Test {
                  },
              .sendFailed = [=, reports = reports](auto) { reports->add(name + " failed to send"); }});
         connection->start(network.makeQueue("test"));
+        EXPECT_EQ(next(), name + expected);
         return connection;
     }
-
-    /// Starts a connection to the first host, and waits until it is ready.
     std::shared_ptr<UDPConnection> open(const std::string& name, Receive answer = Receive::again) {
-        auto connection = start(name, local, firstHost, peer.port(), answer);
-        EXPECT_EQ(next(), name + " is ready");
-        return connection;
+        return open(name, local, firstHost, peer.port(), answer);
     }
 
     std::string next() { return reports->next().value_or("nothing"); }
@@ -148,16 +137,11 @@ class EpollNetworkTest : public testing::Test {
         passed.next();
     }
 
+    const OwnNetwork own;
     const std::uint16_t local = freePort();
     EpollNetwork network{std::initializer_list<std::uint16_t>{local}}; // holds it, as the program does
     PeerSocket peer{firstHost};
     std::shared_ptr<Reports<std::string>> reports = std::make_shared<Reports<std::string>>();
-};
-
-class EpollInOwnNetworkTest : OwnNetwork, public EpollNetworkTest {
-    void SetUp() override {
-        if (!isSeparate) GTEST_SKIP() << "making a network needs root";
-    }
 };
 
 } // namespace
@@ -166,8 +150,7 @@ TEST_F(EpollNetworkTest, ConnectionsShareAHeldPortAndEachReceivesFromItsOwnPeerO
     EXPECT_THROW(PeerSocket(IPv4Host{}, local), std::runtime_error) << "another program";
     PeerSocket second(secondHost), stranger(strangerHost);
     const auto toFirst = open("first");
-    const auto toSecond = start("second", local, secondHost, second.port());
-    EXPECT_EQ(next(), "second is ready");
+    const auto toSecond = open("second", local, secondHost, second.port());
     toFirst->send(bytes("to the first"));
     EXPECT_EQ(peer.receive().fromPort, local);
     toSecond->send(bytes("to the second"));
@@ -203,8 +186,7 @@ TEST_F(EpollNetworkTest, AClosedPortMeansReadyAgainASecondLaterUntilThePeerHasSe
     const std::uint16_t closed = freePort();
     const auto silent = open("silent");
     silent->send(bytes("to a peer that is silent"));
-    const auto late = start("late", local, secondHost, closed);
-    EXPECT_EQ(next(), "late is ready");
+    const auto late = open("late", local, secondHost, closed);
     late->send(bytes("refused"));
     EXPECT_EQ(next(), "late is ready");
     const auto before = std::chrono::steady_clock::now();
@@ -225,8 +207,8 @@ TEST_F(EpollNetworkTest, AClosedPortMeansReadyAgainASecondLaterUntilThePeerHasSe
 
 TEST_F(EpollNetworkTest, APortThatAnotherProgramHoldsFailsOnceAndIsTriedAgainUntilItIsFree) {
     std::optional<PeerSocket> other(std::in_place, IPv4Host{});
-    const auto connection = start("it", other->port(), firstHost, peer.port());
-    EXPECT_EQ(next(), "it failed: Address already in use");
+    const auto connection =
+        open("it", other->port(), firstHost, peer.port(), Receive::again, " failed: Address already in use");
     pass(5s);
     EXPECT_TRUE(reports->isEmpty()) << "a log line each five seconds";
     other.reset();
@@ -251,20 +233,21 @@ TEST_F(EpollNetworkTest, AConnectionThatIsCancelledReleasedOrStoppedReceivesNoth
 
 // An ICMP error shows at the next call on the socket and can be forged: a send must be repeated, a receive
 // must go on.
-TEST_F(EpollInOwnNetworkTest, NoICMPErrorEndsReceivingOrLosesADatagramThatIsSent) {
+TEST_F(EpollNetworkTest, NoICMPErrorEndsReceivingOrLosesADatagramThatIsSent) {
+    if (!own.isSeparate) GTEST_SKIP() << "sending ICMP needs root";
     const auto connection = open("it");
-    std::vector<std::pair<unsigned, unsigned>> errors{{ICMP_PARAMETERPROB, 0}};
-    for (unsigned code = 0; code <= NR_ICMP_UNREACH; ++code)
-        errors.emplace_back(ICMP_DEST_UNREACH, code);
-    for (const auto& [type, code] : errors) {
-        SCOPED_TRACE(testing::Message() << "type " << type << ", code " << code);
+    std::vector<std::uint16_t> errors{ICMP_PARAMETERPROB << 8};
+    for (std::uint16_t code = 0; code <= NR_ICMP_UNREACH; ++code)
+        errors.push_back(ICMP_DEST_UNREACH << 8 | code);
+    for (const std::uint16_t typeAndCode : errors) {
+        SCOPED_TRACE(typeAndCode);
         {
             const Hold hold(network); // so that the send sees the error, not the receive
-            sendICMPError(type, code, local, peer.port());
+            sendICMPError(typeAndCode, local, peer.port());
             connection->send(bytes("sent"));
             EXPECT_EQ(peer.receive().bytes, bytes("sent"));
         }
-        sendICMPError(type, code, local, peer.port());
+        sendICMPError(typeAndCode, local, peer.port());
         peer.sendTo(local, bytes("answer"));
         ASSERT_EQ(next(), "it received answer");
     }
@@ -274,28 +257,25 @@ TEST_F(EpollInOwnNetworkTest, NoICMPErrorEndsReceivingOrLosesADatagramThatIsSent
 
 // A device refuses an invitation on its data port that comes before the one on its control port. A superseded
 // connection that opened anew would take its successor's datagrams.
-TEST_F(EpollInOwnNetworkTest, WhenAddressesChangeConnectionsReopenInTheirOrderButNotSupersededOnes) {
+TEST_F(EpollNetworkTest, WhenAddressesChangeConnectionsReopenInTheirOrderButNotSupersededOnes) {
+    if (!own.isSeparate) GTEST_SKIP() << "making a network needs root";
     std::vector<std::shared_ptr<UDPConnection>> all;
-    const auto openOne = [&](const std::string& name, unsigned number) {
-        const IPv4Host host{{10, 77, 0, static_cast<std::uint8_t>(2 + number / 2)}};
-        const auto place = static_cast<std::uint16_t>(number);
-        all.push_back(start(name, 7000 + place, host, 5004 + place % 2));
-        EXPECT_EQ(next(), name + " is ready");
-    };
-    openOne("superseded", 0);
-    for (unsigned number = 0; number < 8; ++number) // two ports of each of four devices
-        openOne(std::to_string(number), number);
+    // Two ports of each of four devices. The first connection is superseded by the second.
+    const std::vector<std::uint16_t> ports{7000, 7000, 7001, 7002, 7003, 7004, 7005, 7006, 7007};
+    for (const auto port : ports) {
+        const IPv4Host host{{10, 77, 0, static_cast<std::uint8_t>((port - 6996) / 2)}};
+        all.push_back(open(std::to_string(port), port, host, 5004 + port % 2));
+    }
     EXPECT_EQ(std::system("ip addr del 10.77.0.1/24 dev lan && ip addr add 10.77.0.9/24 dev lan"), 0);
-    for (unsigned number = 0; number < 8; ++number)
-        EXPECT_EQ(next(), std::to_string(number) + " is ready");
+    for (int port = 7000; port < 7008; ++port)
+        EXPECT_EQ(next(), std::to_string(port) + " is ready");
     settle();
     EXPECT_TRUE(reports->isEmpty());
 }
 
 TEST_F(EpollNetworkTest, AFloodingPeerDelaysAnotherByOneDatagram) {
     PeerSocket calm(secondHost);
-    const auto flooded = open("flooded"), other = start("other", local, secondHost, calm.port());
-    EXPECT_EQ(next(), "other is ready");
+    const auto flooded = open("flooded"), other = open("other", local, secondHost, calm.port());
     {
         const Hold hold(network);
         for (int i = 0; i < 200; ++i)
@@ -308,18 +288,18 @@ TEST_F(EpollNetworkTest, AFloodingPeerDelaysAnotherByOneDatagram) {
 
 TEST_F(EpollNetworkTest, TimersLeftAtTheEndAreDroppedEvenIfThatPostsMore) {
     int dropped = 0;
-    using Queue = std::shared_ptr<TimerQueue>;
+    std::shared_ptr<TimerQueue> queue;
     // What a timer owns, and whose destruction makes a timer that owns the next one.
-    const std::function<std::shared_ptr<void>(Queue, int)> owned = [&](const Queue& queue, int more) {
-        return std::shared_ptr<void>(nullptr, [&, queue, more](void*) {
+    const std::function<std::shared_ptr<void>(int)> owned = [&](int more) {
+        return std::shared_ptr<void>(nullptr, [&, more](void*) {
             ++dropped;
-            if (more > 0) queue->postAfter(1h, [next = owned(queue, more - 1)] {});
+            if (more > 0) queue->postAfter(1h, [next = owned(more - 1)] {});
         });
     };
     {
         EpollNetwork ending({});
-        const Queue queue = ending.makeQueue("test");
-        queue->postAfter(1h, [last = owned(queue, 2)] {});
+        queue = ending.makeQueue("test");
+        queue->postAfter(1h, [last = owned(2)] {});
         { const Hold untilItIsATimer(ending); }
         ending.stop(); // as the program does, before it is destroyed
     }

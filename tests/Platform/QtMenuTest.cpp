@@ -1,3 +1,5 @@
+// How titles are written is tested by fuzz/fuzz_text.cpp, and what panels make of them by
+// tests/system/test_tray.py.
 #include "Platform/qt/QtMenu.h"
 
 #include "Platform/qt/QtText.h"
@@ -25,8 +27,8 @@ class QtMenuTest : public testing::Test {
 
     /// A separator for "-".
     static MenuItem line(const std::string& title, const std::string& action = "") {
-        if (title == "-") return MenuItem::separator();
         MenuItem item;
+        item.isSeparator = title == "-";
         item.title = title;
         item.action = action;
         item.isEnabled = !action.empty();
@@ -43,7 +45,7 @@ class QtMenuTest : public testing::Test {
             found.append(action->isSeparator() ? QStringLiteral("-") : action->text());
         return found;
     }
-    void open(MenuView::Writing writing = MenuView::Writing::dbusmenu) { view = &menu.makeView(writing); }
+    void open() { view = &menu.makeView(MenuView::Writing::dbusmenu); }
     /// Tells the menu of a change, and runs what is due in the event loop.
     void change() {
         menu.contentDidChange();
@@ -54,16 +56,6 @@ class QtMenuTest : public testing::Test {
     QtMenu menu;
     QMenu* view = nullptr;
 };
-
-// A control character would end or split the line. What panels make of these texts is tested with a panel.
-TEST_F(QtMenuTest, ATitleIsOneLineOfLiteralText) {
-    offer({"a\tb\nc\x7f"
-           "d\u2028e\u0085f & _&"});
-    open(MenuView::Writing::widget);
-    EXPECT_EQ(shown(), QStringList{"a b c d e f && _&&"});
-    open(MenuView::Writing::dbusmenu);
-    EXPECT_EQ(shown(), QStringList{"a b c d e f && __&"});
-}
 
 // Panels show stale or empty lines when lines that stay are replaced.
 TEST_F(QtMenuTest, LinesThatStayAreNeverReplaced) {
@@ -93,6 +85,10 @@ TEST_F(QtMenuTest, LinesThatStayAreNeverReplaced) {
 
 TEST_F(QtMenuTest, IsCurrentWhenItOpensAndUnchangedWhileItIsOpen) {
     open();
+    delegate->updates = 0;
+    menu.contentDidChange();
+    change();
+    EXPECT_EQ(delegate->updates, 1) << "many changes are one update";
     offer({"one"});
     Q_EMIT view->aboutToShow();
     EXPECT_EQ(shown(), QStringList{"one"});
@@ -107,14 +103,6 @@ TEST_F(QtMenuTest, IsCurrentWhenItOpensAndUnchangedWhileItIsOpen) {
     offer({"three"});
     Q_EMIT view->aboutToShow();
     EXPECT_EQ(shown(), QStringList{"three"});
-}
-
-TEST_F(QtMenuTest, ManyChangesAreOneUpdate) {
-    open();
-    delegate->updates = 0;
-    menu.contentDidChange();
-    change();
-    EXPECT_EQ(delegate->updates, 1);
     delegate.reset();
     change(); // without a delegate
 }

@@ -2,16 +2,16 @@
 #pragma once
 
 #include "Models/IPv4Host.h"
+#include "Platform/system/OpenFile.h"
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <netinet/in.h>
 #include <poll.h>
 #include <span>
 #include <stdexcept>
 #include <sys/socket.h>
-#include <unistd.h>
-#include <utility>
 #include <vector>
 
 namespace tessary::test {
@@ -23,14 +23,11 @@ class PeerSocket {
         : file_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
         sockaddr_in address = endpoint(host, port);
         socklen_t size = sizeof address;
-        if (bind(file_, reinterpret_cast<const sockaddr*>(&address), size) != 0)
+        if (bind(file_.file(), reinterpret_cast<const sockaddr*>(&address), size) != 0)
             throw std::runtime_error("the test's own port is taken");
-        getsockname(file_, reinterpret_cast<sockaddr*>(&address), &size);
+        getsockname(file_.file(), reinterpret_cast<sockaddr*>(&address), &size);
         port_ = ntohs(address.sin_port);
     }
-    PeerSocket(const PeerSocket&) = delete;
-    PeerSocket& operator=(const PeerSocket&) = delete;
-    ~PeerSocket() { close(file_); }
 
     std::uint16_t port() const { return port_; }
 
@@ -38,14 +35,14 @@ class PeerSocket {
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_port = htons(port);
-        address.sin_addr.s_addr = htonl(static_cast<std::uint32_t>(host.bytes[0] << 24 | host.bytes[1] << 16 |
-                                                                   host.bytes[2] << 8 | host.bytes[3]));
+        std::memcpy(&address.sin_addr, host.bytes.data(), host.bytes.size());
         return address;
     }
 
     void sendTo(std::uint16_t port, std::span<const std::uint8_t> datagram) {
         const sockaddr_in to = endpoint({{127, 0, 0, 1}}, port);
-        sendto(file_, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
+        sendto(file_.file(), datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr*>(&to),
+               sizeof to);
     }
 
     struct Arrival {
@@ -54,18 +51,18 @@ class PeerSocket {
     };
     /// The next datagram; empty if none comes within `timeout` milliseconds.
     Arrival receive(int timeout = 10'000) {
-        pollfd ready{.fd = file_, .events = POLLIN, .revents = 0};
+        pollfd ready{.fd = file_.file(), .events = POLLIN, .revents = 0};
         if (poll(&ready, 1, timeout) != 1) return {};
         std::array<std::uint8_t, 2048> buffer{};
         sockaddr_in from{};
         socklen_t size = sizeof from;
-        const ssize_t length =
-            recvfrom(file_, buffer.data(), buffer.size(), 0, reinterpret_cast<sockaddr*>(&from), &size);
+        const ssize_t length = recvfrom(file_.file(), buffer.data(), buffer.size(), 0,
+                                        reinterpret_cast<sockaddr*>(&from), &size);
         return {{buffer.begin(), buffer.begin() + std::max<ssize_t>(length, 0)}, ntohs(from.sin_port)};
     }
 
   private:
-    int file_;
+    OpenFile file_;
     std::uint16_t port_ = 0;
 };
 
