@@ -1,15 +1,55 @@
 // What JACK clients receive from the program is tested in tests/system/test_output.py.
+#include "Platform/jack/JackOutput.h"
 #include "Platform/jack/CycleTime.h"
+#include "Platform/jack/JackLibrary.h"
 #include "Platform/jack/MIDIRing.h"
+#include "support/Await.h"
+#include "support/Fakes.h"
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <thread>
 #include <vector>
 
 namespace tessary {
+
+/// Replaces libjack in these tests.
+struct FakeJack {
+    static inline JackShutdownCallback serverLost = nullptr;
+    static inline void* argument = nullptr;
+    static inline std::atomic<bool> isNotifying = false;
+    static inline test::Reports<bool> closings; ///< whether the client was notified at that time
+
+    static jack_client_t* open(const char*, jack_options_t, jack_status_t*, ...) {
+        return reinterpret_cast<jack_client_t*>(&argument);
+    }
+};
+
+const JackLibrary* JackLibrary::load() {
+    static JackLibrary jack;
+    jack.set_error_function = jack.set_info_function = [](void (*)(const char*)) {};
+    jack.client_open = FakeJack::open;
+    jack.client_close = [](jack_client_t*) {
+        FakeJack::closings.add(FakeJack::isNotifying);
+        return 0;
+    };
+    jack.on_shutdown = [](jack_client_t*, JackShutdownCallback serverLost, void* argument) {
+        FakeJack::serverLost = serverLost;
+        FakeJack::argument = argument;
+    };
+    jack.set_process_callback = [](jack_client_t*, JackProcessCallback, void*) { return 0; };
+    jack.activate = [](jack_client_t*) { return 0; };
+    jack.port_register = [](jack_client_t* client, const char*, const char*, unsigned long, unsigned long) {
+        return reinterpret_cast<jack_port_t*>(client);
+    };
+    return &jack;
+}
+
 namespace {
 
+using namespace std::chrono_literals;
 using Bytes = std::vector<std::uint8_t>;
 
 /// A message of that size whose bytes depend on its number and their place.
@@ -80,6 +120,20 @@ TEST(MIDIRingTest, HandsOverBetweenTwoThreads) {
     }
     network.join();
     EXPECT_EQ(wrong, 0u);
+}
+
+TEST(JackOutputTest, ClosesTheClientOfALostServerAfterTheServersLastNotifications) {
+    test::FakeLog log;
+    JackOutput output(log);
+    MIDIObjectRef client = 0;
+    MIDIObjectRef source = 0;
+    ASSERT_EQ(output.createClient("Client", client), 0);
+    ASSERT_EQ(output.createSource(client, "Source", midiProtocol1_0, source), 0);
+    FakeJack::isNotifying = true;
+    FakeJack::serverLost(FakeJack::argument);
+    std::this_thread::sleep_for(200ms); // for other clients that leave at the same time
+    FakeJack::isNotifying = false;
+    EXPECT_EQ(FakeJack::closings.next(), false);
 }
 
 } // namespace

@@ -38,7 +38,8 @@ constexpr std::size_t ringCapacity = 1 << 20;
 constexpr auto answerTimeout = 100ms;
 /// The end of the program waits this long for such a server.
 constexpr auto closeTimeout = 200ms;
-/// A lost server is looked for at this interval; a failed attempt costs one refused `connect`.
+/// A lost server is looked for at this interval; a failed attempt costs one refused `connect`. It also gives
+/// libjack time for the last notifications of the lost server.
 constexpr auto retryInterval = 1s;
 
 /// In microseconds. Older messages are dropped at their cycle: the server was stopped in the meantime.
@@ -142,11 +143,14 @@ void JackOutput::Link::keepPort(const std::string& clientName, Lock& lock) {
         changed_.notify_all();
         if (*portStatus_ != 0) break; // launch has failed, and the program goes on without a source
         if (isOpen) changed_.wait(lock, [this] { return isClosing_ || isServerLost_; });
+        // Wait before the closing, not after it: jack_client_close cancels libjack's notification thread. If
+        // that happens while the thread handles the lost server's last notifications, it keeps a mutex
+        // locked, and every later call of libjack hangs.
+        changed_.wait_for(lock, retryInterval, [this] { return isClosing_; });
         lock.unlock();
         closeClient();
         lock.lock();
         isServerLost_ = false; // no callback of a closed client can set it again
-        changed_.wait_for(lock, retryInterval, [this] { return isClosing_; });
     }
     lock.unlock();
     closeClient();
