@@ -1,6 +1,7 @@
 // What the program sends on a real sequencer is tested in tests/system/test_alsa.py.
-#include "Platform/alsa/PacedSender.h"
+#include "Platform/alsa/AlsaOutput.h"
 
+#include "Platform/alsa/PacedSender.h"
 #include "Platform/alsa/SequencerEncoder.h"
 #include "support/Await.h"
 #include "support/Fakes.h"
@@ -191,6 +192,17 @@ TEST_F(PacedSenderTest, ExclusiveThatCannotBeSentWithinASecondIsDroppedWholeAndR
     EXPECT_EQ(until(note(2)), (std::vector<Bytes>{systemExclusive(4'000), note(2)}));
     ASSERT_EQ(log.lines.size(), 2u);
     EXPECT_TRUE(log.lines[0].starts_with("[CoreMIDI] dropped a System Exclusive of "));
+}
+
+TEST(AlsaOutputTest, WithoutASequencerOpeningFails) {
+    if (AlsaOutput::isAvailable()) GTEST_SKIP() << "there is a sequencer here";
+    test::FakeLog log;
+    AlsaOutput output{log};
+    MIDIObjectRef client = 7, source = 7;
+    EXPECT_LT(output.createClient("Tessary Link", client), 0);
+    EXPECT_LT(output.createSource(client, "Tessary Link", midiProtocol1_0, source), 0);
+    EXPECT_EQ(client, 0u);
+    EXPECT_EQ(source, 0u);
 }
 
 } // namespace
