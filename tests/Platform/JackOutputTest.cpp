@@ -8,41 +8,42 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <thread>
 #include <vector>
 
 namespace tessary {
 
-/// Replaces libjack in these tests.
-struct FakeJack {
-    static inline JackShutdownCallback serverLost = nullptr;
-    static inline void* argument = nullptr;
-    static inline std::atomic<bool> isNotifying = false;
-    static inline test::Reports<bool> closings; ///< whether the client was notified at that time
+/// Replaces libjack in these tests: a server with which everything succeeds, until it is lost.
+namespace fake {
 
-    static jack_client_t* open(const char*, jack_options_t, jack_status_t*, ...) {
-        return reinterpret_cast<jack_client_t*>(&argument);
-    }
-};
+test::Reports<std::chrono::steady_clock::time_point> closings;
+JackShutdownCallback serverLost = nullptr;
+void* argument = nullptr;
+int object = 0;
+
+jack_client_t* open(const char*, jack_options_t, jack_status_t*, ...) {
+    return reinterpret_cast<jack_client_t*>(&object);
+}
+
+} // namespace fake
 
 const JackLibrary* JackLibrary::load() {
     static JackLibrary jack;
     jack.set_error_function = jack.set_info_function = [](void (*)(const char*)) {};
-    jack.client_open = FakeJack::open;
+    jack.client_open = fake::open;
     jack.client_close = [](jack_client_t*) {
-        FakeJack::closings.add(FakeJack::isNotifying);
+        fake::closings.add(std::chrono::steady_clock::now());
         return 0;
     };
-    jack.on_shutdown = [](jack_client_t*, JackShutdownCallback serverLost, void* argument) {
-        FakeJack::serverLost = serverLost;
-        FakeJack::argument = argument;
+    jack.on_shutdown = [](jack_client_t*, JackShutdownCallback callback, void* data) {
+        fake::serverLost = callback;
+        fake::argument = data;
     };
     jack.set_process_callback = [](jack_client_t*, JackProcessCallback, void*) { return 0; };
     jack.activate = [](jack_client_t*) { return 0; };
-    jack.port_register = [](jack_client_t* client, const char*, const char*, unsigned long, unsigned long) {
-        return reinterpret_cast<jack_port_t*>(client);
+    jack.port_register = [](jack_client_t*, const char*, const char*, unsigned long, unsigned long) {
+        return reinterpret_cast<jack_port_t*>(&fake::object);
     };
     return &jack;
 }
@@ -129,11 +130,10 @@ TEST(JackOutputTest, ClosesTheClientOfALostServerAfterTheServersLastNotification
     MIDIObjectRef source = 0;
     ASSERT_EQ(output.createClient("Client", client), 0);
     ASSERT_EQ(output.createSource(client, "Source", midiProtocol1_0, source), 0);
-    FakeJack::isNotifying = true;
-    FakeJack::serverLost(FakeJack::argument);
-    std::this_thread::sleep_for(200ms); // for other clients that leave at the same time
-    FakeJack::isNotifying = false;
-    EXPECT_EQ(FakeJack::closings.next(), false);
+    const auto lost = std::chrono::steady_clock::now();
+    fake::serverLost(fake::argument);
+    EXPECT_GE(fake::closings.next().value() - lost, 1s)
+        << "libjack may still be notified of clients that leave";
 }
 
 } // namespace
