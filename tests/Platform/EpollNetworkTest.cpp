@@ -177,7 +177,7 @@ TEST_F(EpollNetworkTest, DatagramsThatArriveWhileASocketIsConnectedAreFiltered) 
     });
     std::deque<std::shared_ptr<UDPConnection>> opened;
     std::string newest;
-    for (int i = 0; i < 200 || sent < 20'000; ++i) { // the flood may start late
+    for (int i = 0; i < 200 || sent < 100'000; ++i) { // the flood may start late
         newest = std::to_string(i);
         opened.push_back(open(newest));
         if (opened.size() > 200) opened.pop_front();
