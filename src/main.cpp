@@ -118,8 +118,10 @@ void runApplication(char* programName) {
                                       "does");
                          }});
     if (!isSanitized) endProcess(EXIT_SUCCESS);
-    endInOrder(); // destructors follow, so that leaks show
+    // Under a sanitizer destructors do the rest, so that leaks show.
     endInOrder = nullptr;
+    delegate->applicationWillTerminate();
+    network.stop();
 }
 
 constexpr const char* help = R"(Usage: tessary-link [OPTION]
