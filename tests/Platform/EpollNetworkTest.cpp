@@ -138,7 +138,7 @@ class EpollNetworkTest : public testing::Test {
         passed.next();
     }
 
-    const OwnNetwork own;
+    OwnNetwork own;
     const std::uint16_t local = freePort();
     EpollNetwork network{std::initializer_list<std::uint16_t>{local}}; // holds it, as the program does
     PeerSocket peer{firstHost};
