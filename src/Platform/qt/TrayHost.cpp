@@ -8,12 +8,12 @@
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
 #include <QGuiApplication>
-#include <QPointer>
 #include <QTimer>
 #include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdlib>
+#include <mutex>
 #include <string>
 #include <sys/eventfd.h>
 #include <utility>
@@ -102,9 +102,18 @@ class TrayHost::ManagerFilter : public QAbstractNativeEventFilter {
     const xcb_atom_t selection_;
 };
 
+/// Shared with the thread that connects to the session bus.
+struct TrayHost::Connecting {
+    std::mutex mutex;
+    TrayHost* host;                     ///< null after its destruction
+    std::optional<QDBusConnection> bus; ///< set when the attempt has succeeded or failed
+};
+
 TrayHost::TrayHost(std::function<void(TrayProtocol)> found, std::function<void()> lost)
     : found_(std::move(found))
-    , lost_(std::move(lost)) {
+    , lost_(std::move(lost))
+    , connecting_(std::make_shared<Connecting>()) {
+    connecting_->host = this;
     connectToBus();
     QTimer::singleShot(panelTimeout, this, [this] {
         isPatienceOver_ = true;
@@ -112,31 +121,39 @@ TrayHost::TrayHost(std::function<void(TrayProtocol)> found, std::function<void()
     });
 }
 
-TrayHost::~TrayHost() = default;
+TrayHost::~TrayHost() {
+    const std::lock_guard lock(connecting_->mutex);
+    connecting_->host = nullptr;
+}
 
 void TrayHost::connectToBus() {
+    {
+        const std::lock_guard lock(connecting_->mutex);
+        connecting_->bus.reset();
+    }
     bus_.reset();
     // Qt opens its own connection to the session bus once per process, so later attempts need another name.
     const QString name = endedBuses_ > 0 ? QStringLiteral("tray-%1").arg(endedBuses_) : QString();
-    const auto connect = [host = QPointer(this), name] {
+    const auto connect = [connecting = connecting_, name] {
         QDBusConnection::disconnectFromBus(name); // removes a failed attempt
         const QDBusConnection bus = name.isEmpty()
                                         ? QDBusConnection::sessionBus()
                                         : QDBusConnection::connectToBus(QDBusConnection::SessionBus, name);
-        QMetaObject::invokeMethod(
-            qApp,
-            [host, bus] {
-                if (host) host->busHasAnswered(bus);
-            },
-            Qt::QueuedConnection);
+        const std::lock_guard lock(connecting->mutex);
+        connecting->bus = bus;
+        if (connecting->host)
+            QMetaObject::invokeMethod(connecting->host, "busHasAnswered", Qt::QueuedConnection);
     };
     if (!startDetachedThread("tessary-bus", connect))
         QTimer::singleShot(retryInterval, this, &TrayHost::connectToBus);
 }
 
-void TrayHost::busHasAnswered(const QDBusConnection& bus) {
+void TrayHost::busHasAnswered() {
     if (isSettled_) return;
-    bus_ = bus;
+    {
+        const std::lock_guard lock(connecting_->mutex);
+        bus_ = connecting_->bus;
+    }
     if (!bus_->isConnected() && endedBuses_ > 0)
         return QTimer::singleShot(retryInterval, this, &TrayHost::connectToBus);
     if (!bus_->isConnected()) {

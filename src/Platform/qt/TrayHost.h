@@ -34,9 +34,10 @@ class TrayHost : public QObject {
 
   private:
     class ManagerFilter;
+    struct Connecting;
 
     void connectToBus();
-    void busHasAnswered(const QDBusConnection& bus);
+    Q_SLOT void busHasAnswered();
     Q_SLOT void busHasEnded();
     Q_SLOT void askForStatusNotifierHost();
     void askForXEmbedPanel();
@@ -47,8 +48,9 @@ class TrayHost : public QObject {
     const std::function<void()> lost_;
     int endedBuses_ = 0;
     bool isSettled_ = false;
-    bool isXEmbed_ = false;              ///< the protocol in use, once `isSettled_`
-    bool isPatienceOver_ = false;        ///< an XEmbed panel is accepted too
+    bool isXEmbed_ = false;       ///< the protocol in use, once `isSettled_`
+    bool isPatienceOver_ = false; ///< an XEmbed panel is accepted too
+    const std::shared_ptr<Connecting> connecting_;
     std::optional<QDBusConnection> bus_; ///< present once it has answered or failed
     QDBusServiceWatcher watcher_;
     std::unique_ptr<ManagerFilter> managers_; ///< present while an XEmbed panel is accepted
