@@ -34,7 +34,7 @@ CONDITIONS = (("quiet", True, "notes,chords,controllers"),
 QUANTILES = {"50": 0.5, "99": 0.99, "99.9": 0.999, "max": 1.0}
 # Removes the permission for real-time priority, also from root.
 ORDINARY = ["setpriv", "--bounding-set", "-sys_nice", "prlimit", "--rtprio=0"]
-PATIENCE = 60
+TIMEOUT = 60
 
 
 def quantile(ordered, share):
@@ -68,16 +68,16 @@ class Latency(SystemTest):
             output = "alsa" if self.isSequencer else self.stamps()
             process = Process(self, [*scheduling, BUILD / "bench/floor", DEVICE_ADDRESS, PORT, output, *options],
                               self.desk)
-            port = process.wait_for(r"^port (\d+)", PATIENCE)[1][1]
+            port = process.wait_for(r"^port (\d+)", TIMEOUT)[1][1]
             sides.append(f"{name},{'floor' if self.isSequencer else output},{port}")
         stamps = "Tessary Link" if self.isSequencer else self.stamps()
         device = Process(self, ["chrt", "-f", "50", BUILD / "bench/latency_bench", DEVICE_ADDRESS, DESK, seconds,
                                 kinds, f"program,{stamps},0", *sides], self.stage)
-        device.wait_for("^open", PATIENCE)
+        device.wait_for("^open", TIMEOUT)
         others = OTHERS if condition == "50 other devices" else []
         if others:  # 1,000 messages a second in all
             orchestra = self.device(self.stage, "--address", others[0], "--count", len(others), "--rate", 20)
-            orchestra.wait_for("announced", PATIENCE, len(others))
+            orchestra.wait_for("announced", TIMEOUT, len(others))
         rights = [] if isRealTime else ORDINARY
         if self.isSequencer:
             variables = environment(XDG_CONFIG_HOME=str(self.directory), HOME=str(self.directory))
@@ -86,14 +86,14 @@ class Latency(SystemTest):
         else:
             Process(self, [*rights, BUILD / "bench/latency_road", stamps, DEVICE_ADDRESS, *others], self.desk)
         if others:
-            orchestra.wait_for("running with", PATIENCE, len(others))
-        device.wait_for("^running", PATIENCE)
+            orchestra.wait_for("running with", TIMEOUT, len(others))
+        device.wait_for("^running", TIMEOUT)
         if condition == "both cores busy":
             for _ in range(2):
                 Process(self, ["sh", "-c", "while :; do :; done"])
         time.sleep(0.5)  # let them start
         device.signal(signal.SIGUSR1)
-        self.assertEqual(device.wait(PATIENCE + 20 * seconds), 0)
+        self.assertEqual(device.wait(TIMEOUT + 20 * seconds), 0)
         for process in self.processes[first:]:
             if process.popen.poll() is None:
                 process.kill()  # the next round starts its own

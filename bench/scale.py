@@ -90,7 +90,7 @@ class Scale(SystemTest):
                 self.assertEqual(lost, 0)
             devices.end()
             program.wait_for(" (failed: peer sent BYE|gone)", times=number * count)
-            time.sleep(3)  # mDNS removes a service a second after its goodbye: that would end the next device's session
+            time.sleep(3)  # a withdrawn service is removed after a second, and with it a session that has begun since
 
 
 if __name__ == "__main__":

@@ -133,23 +133,24 @@ void RTPMIDISession::endedByPeer(std::string reason) {
 
 void RTPMIDISession::reportSilence() {
     const std::lock_guard lock(mutex_);
-    const Case inviting = state_.which;
-    if (inviting != Case::invitingControl && inviting != Case::invitingData) return;
+    const bool isControl = state_.which == Case::invitingControl;
+    if ((!isControl && state_.which != Case::invitingData) || isConnFailed_) return;
     if (platform_.clock.now() - startedAt_ < silenceTimeout) return;
-    if (std::exchange(silenceReportedIn_, inviting) == inviting) return;
 
     const std::string peer = peerName_ + " at " + remoteHost_.text();
-    if (controlToken_ == 0)
-        platform_.log.line("[RTPMIDI] no way to " + peer + ": no network of this computer leads there");
-    else if (inviting == Case::invitingControl)
-        platform_.log.line("[RTPMIDI] no answer from " + peer +
-                           ": its app is closed, or a firewall or the access point keeps UDP 51204 and 51205 "
-                           "from reaching it; after mending that, choose Reconnect Now");
-    else
-        platform_.log.line("[RTPMIDI] no answer from " + peer + " on its second port, UDP " +
-                           std::to_string(dataRemotePort_) +
-                           ": a firewall keeps UDP 51205 from reaching it; after mending that, choose "
-                           "Reconnect Now");
+    std::string line =
+        "[RTPMIDI] no answer from " + peer +
+        ": its app is closed, or a firewall or the access point keeps UDP 51204 and 51205 from "
+        "reaching it; after mending that, choose Reconnect Now";
+    if ((isControl ? controlToken_ : dataToken_) == 0)
+        line = "[RTPMIDI] no way to " + peer + ": no network of this computer leads there";
+    else if (!isControl)
+        line = "[RTPMIDI] no answer from " + peer + " on its second port, UDP " +
+               std::to_string(dataRemotePort_) +
+               ": a firewall keeps UDP 51205 from reaching it; after mending that, choose Reconnect Now";
+    if (line == reportedSilence_) return;
+    platform_.log.line(line);
+    reportedSilence_ = std::move(line);
 }
 
 // Connections
@@ -160,8 +161,13 @@ RTPMIDISession::makeUDPConnection(std::uint16_t localPort, std::uint16_t remoteP
                                   std::function<void(std::span<const std::uint8_t>)> onReceive) {
     auto connection = platform_.network.makeConnection(localPort, remoteHost_, remotePort);
     UDPHandlers handlers;
-    handlers.stateDidChange = [weakConnection = std::weak_ptr(connection), onReady = std::move(onReady),
+    handlers.stateDidChange = [weak = weak_from_this(), weakConnection = std::weak_ptr(connection),
+                               onReady = std::move(onReady),
                                &log = platform_.log](ConnectionState state, std::error_code error) {
+        if (const auto self = weak.lock()) {
+            const std::lock_guard lock(self->mutex_);
+            self->isConnFailed_ = state == ConnectionState::failed;
+        }
         if (state == ConnectionState::ready) {
             if (const auto existing = weakConnection.lock()) onReady(*existing);
         } else if (state == ConnectionState::failed) {

@@ -129,7 +129,8 @@ class RTPMIDISession : public std::enable_shared_from_this<RTPMIDISession> {
     State state_;                ///< as last stored on the main thread
     int statesOnTheirWay_ = 0;   ///< set, but not stored yet
     bool isRunningSaid_ = false; ///< set, whether it is stored yet or not
-    Case silenceReportedIn_ = Case::idle;
+    bool isConnFailed_ = false;  ///< a connection is not open, and the log says why
+    std::string reportedSilence_;
     std::shared_ptr<UDPConnection> controlConn_;
     std::shared_ptr<UDPConnection> dataConn_;
     std::uint32_t controlToken_ = 0; ///< of the last invitation; 0: none sent

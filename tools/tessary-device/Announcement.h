@@ -39,7 +39,8 @@ class Announcer {
     /// Runs on: any thread; `report` on that one, before this returns, or on the responder's. Errors:
     /// reported.
     explicit Announcer(std::vector<Announcement> announcements);
-    /// Withdraws everything: sends goodbye packets (TTL 0) before it returns.
+    /// Withdraws everything: sends its records with TTL 0 (RFC 6762, section 10.1) before it
+    /// returns.
     ~Announcer();
     Announcer(const Announcer&) = delete;
     Announcer& operator=(const Announcer&) = delete;
