@@ -47,7 +47,7 @@ void connectionReports(World& world, Reader& input) {
     const std::uint8_t kind = input.byte() % 4;
     if (!of) return;
     if (kind == 3) return of->deliver(Bytes{}, std::make_error_code(std::errc::io_error));
-    of->post([kind](const FakeConnection& connection) {
+    of->post([kind](FakeConnection& connection) {
         if (kind == 0) connection.becomeReady();
         if (kind == 1) connection.fail(std::errc::address_in_use);
         if (kind == 2) connection.failSend(std::errc::network_unreachable);

@@ -117,15 +117,19 @@ class FakeConnection : public std::enable_shared_from_this<FakeConnection> {
             if (self && self->isOpen) event(*self);
         });
     }
-    void becomeReady() const { handlers.stateDidChange(ConnectionState::ready, {}); }
+    void becomeReady() {
+        isReady = true;
+        handlers.stateDidChange(ConnectionState::ready, {});
+    }
     void fail(std::errc error) const {
         handlers.stateDidChange(ConnectionState::failed, std::make_error_code(error));
     }
     void failSend(std::errc error) const { handlers.sendFailed(std::make_error_code(error)); }
 
-    /// A datagram arrives, or an error.
+    /// A datagram arrives, or an error. There is no socket before the connection is ready.
     void deliver(Bytes datagram, std::error_code error = {}) {
         post([datagram = std::move(datagram), error](FakeConnection& self) {
+            if (!self.isReady) return;
             self.isReceiving = self.isReceiving && self.handlers.received(datagram, error) == Receive::again;
         });
     }
@@ -162,6 +166,7 @@ class FakeConnection : public std::enable_shared_from_this<FakeConnection> {
     std::vector<std::uint32_t> invitations; ///< their tokens
     std::optional<std::uint32_t> bye;       ///< its token
     bool isSentAfterBye = false;
+    bool isReady = false;
     bool isReceiving = true;
     bool isOpen = true;
 };
